@@ -1,0 +1,13 @@
+// The library's one assertion. It guards only call-contract conditions that
+// the design names; anything ordinary input can produce is handled instead.
+// Active in every build type: it reports the routine, the source file and the
+// condition text on standard error, then stops the process.
+#ifndef QZ_ASSERT_H
+#define QZ_ASSERT_H
+
+[[noreturn]] void QzAssertFail(const char* routine, const char* file, const char* condition);
+
+#define QZ_ASSERT(condition) \
+  ((condition) ? static_cast<void>(0) : QzAssertFail(__func__, __FILE_NAME__, #condition))
+
+#endif

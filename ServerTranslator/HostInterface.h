@@ -1,0 +1,82 @@
+// The host's side of the contract: the script-engine operations the library
+// reaches through qzEnv, and the host's UTF-16 string library (char16.h).
+//
+// Rule for every caller: re-read the slot right before each call and skip the
+// call when the slot is empty. The Host* wrappers below do exactly that and
+// report an absent operation the way each caller needs it.
+#ifndef QZ_HOST_INTERFACE_H
+#define QZ_HOST_INTERFACE_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "char16.h"
+
+// A script value: one 64-bit word in the engine's own encoding.
+typedef uint64_t ScriptValue;
+
+// The one value the library makes itself: the engine's boolean true.
+enum : ScriptValue { kScriptTrue = 14 };
+
+// Native script function: (context, this object, argument count, argument
+// values, result) -> nonzero on success.
+typedef int (*Native)(void* cx, void* thisObj, uint32_t argc, ScriptValue* argv, ScriptValue* rval);
+
+enum HostSlot {
+  kSlotLibraryObject = 0,
+  kSlotDefineFunction = 1,
+  kSlotValueToInteger = 3,
+  kSlotValueToBoolean = 5,
+  kSlotValueToObject = 6,
+  kSlotClassName = 9,
+  kSlotArrayLength = 11,
+  kSlotArrayElement = 12,
+  kSlotValueToString = 17,
+  kSlotStringToValue = 18,
+  kHostSlotCount = 46
+};
+
+typedef intptr_t (*DefineFunctionOp)(void* libObj, const char* name, Native fn, int nargs);
+typedef int (*ValueToIntegerOp)(void* cx, ScriptValue v, intptr_t* out);
+typedef int (*ValueToBooleanOp)(void* cx, ScriptValue v, int32_t* out);
+typedef int (*ValueToObjectOp)(void* cx, ScriptValue v, void** out);
+typedef const char* (*ClassNameOp)(void* obj);
+typedef intptr_t (*ArrayLengthOp)(void* cx, void* obj);
+typedef int (*ArrayElementOp)(void* cx, void* obj, int32_t index, ScriptValue* out);
+typedef const char16_t* (*ValueToStringOp)(void* cx, ScriptValue v, int32_t* length);
+typedef int (*StringToValueOp)(void* cx, const char16_t* text, size_t length, ScriptValue* out);
+
+// The host environment table, copied from the host by QZ_InitWrapper; all
+// zero until then.
+extern void* qzEnv[kHostSlotCount];
+
+template <typename Op>
+inline Op HostOp(int slot) {
+  return reinterpret_cast<Op>(qzEnv[slot]);
+}
+
+// Text of a value, or null when the operation is absent (then *pLength is 0).
+// The host owns the text; it stays valid for the current call only.
+inline const char16_t* HostValueToString(void* cx, ScriptValue v, int32_t* pLength) {
+  *pLength = 0;
+  ValueToStringOp op = HostOp<ValueToStringOp>(kSlotValueToString);
+  if (!op) return nullptr;
+  return op(cx, v, pLength);
+}
+
+// Integer of a value into *pOut, which the caller presets; an absent
+// operation leaves *pOut as it was.
+inline void HostValueToInteger(void* cx, ScriptValue v, intptr_t* pOut) {
+  ValueToIntegerOp op = HostOp<ValueToIntegerOp>(kSlotValueToInteger);
+  if (op) op(cx, v, pOut);
+}
+
+// Makes a script string of a NUL-terminated text; 0 when the operation is
+// absent or fails. The host copies the text.
+inline int HostStringToValue(void* cx, const char16_t* text, ScriptValue* rval) {
+  StringToValueOp op = HostOp<StringToValueOp>(kSlotStringToValue);
+  if (!op) return 0;
+  return op(cx, text, 0, rval);
+}
+
+#endif

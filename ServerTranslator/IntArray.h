@@ -1,0 +1,24 @@
+// Growable array of 32-bit signed integers, with stack removal and merge
+// selection over two or four ascending arrays.
+#ifndef QZ_INT_ARRAY_H
+#define QZ_INT_ARRAY_H
+
+#include <cstdint>
+
+struct IntArray {
+  int32_t* pData;     // owned elements; null when the array has no storage
+  int32_t nSize;      // elements in use, at most nCapacity
+  int32_t nCapacity;  // elements the storage holds
+};
+
+int IntArrayCreate(IntArray* array);
+void IntArrayDestroy(IntArray* array);
+int IntArrayAdd(IntArray* array, int32_t value);
+int IntArrayPush(IntArray* array, int32_t value);
+int32_t IntArrayPop(IntArray* array);
+int32_t IntArrayPopN(IntArray* array, int32_t n);
+IntArray* IntArrayGetNext(IntArray* array1, int32_t index1, IntArray* array2, int32_t index2);
+IntArray* IntArrayGetNext4(IntArray* array1, int32_t index1, IntArray* array2, int32_t index2,
+                           IntArray* array3, int32_t index3, IntArray* array4, int32_t index4);
+
+#endif

@@ -1,0 +1,58 @@
+#include "FakeHost.h"
+
+#include "Main.h"
+#include "Memory.h"
+#include "Pre.h"
+
+FakeHost::FakeHost() : table(engine.Table()) { Install(); }
+
+void FakeHost::Install() { QZ_InitWrapper(table.data(), sizeof(void*) * table.size()); }
+
+void FakeHost::ClearSlot(int slot) {
+  table[slot] = nullptr;
+  Install();
+}
+
+Value FakeHost::StrArray(const std::vector<std::u16string>& texts) {
+  std::vector<Value> values;
+  for (const auto& t : texts) values.push_back(engine.Str(t));
+  return engine.Array(values);
+}
+
+Value FakeHost::IntArray(const std::vector<int64_t>& numbers) {
+  std::vector<Value> values;
+  for (int64_t n : numbers) values.push_back(engine.Int(n));
+  return engine.Array(values);
+}
+
+qzhost::CallResult FakeHost::Call(const std::string& name, std::vector<Value> args) {
+  return engine.Call(name, std::move(args), kUnset);
+}
+
+void ReleaseLibraryState() {
+  IntArray* arrays[] = {&gOffsetArray, &gOffsetTypeArray, &gAttrOffsetArray, &gAttrLengthArray,
+                        &gFromServerOffsetArray, &gFromServerLengthArray, &gLabelArray,
+                        &gAttrFromServerOffsetArray, &gAttrFromServerLengthArray, &gAttrLabelArray,
+                        &gFromServerTagBeginArray, &gFromServerTagEndArray, &gAttrsDenoteNonHtmlTags,
+                        &gOpenTagOffsets, &gOpenTagIsServerTag, &gOpenTagIsNonHtmlServerTag};
+  for (IntArray* a : arrays) IntArrayDestroy(a);
+  StringArray* lists[] = {&gTagPrefixes, &gTagsContainingNonHtml, &gAttrsForServerTags,
+                          &gAttrValuesForServerTags, &gOpenTags};
+  for (StringArray* l : lists) StringArrayDestroy(l);
+  PreCleanup();
+  MemFree(gEncodedAttrs.pData);
+  gEncodedAttrs = StringBuffer{};
+  gbPreTranslate = 0;
+}
+
+void LibraryTest::SetUp() {
+  MemFailAt(0);
+  ReleaseLibraryState();
+  ASSERT_EQ(MemOutstanding(), 0) << "an earlier test leaked";
+}
+
+void LibraryTest::TearDown() {
+  MemFailAt(0);
+  ReleaseLibraryState();
+  EXPECT_EQ(MemOutstanding(), 0) << "allocations left outstanding";
+}
