@@ -1,0 +1,290 @@
+// Entry, session lifecycle, scanner callbacks, label insertion and the text
+// services, driven through the natives as the translator script drives them.
+#include <cstring>
+
+#include "FakeHost.h"
+#include "Main.h"
+#include "Memory.h"
+#include "Pre.h"
+
+namespace {
+
+std::vector<int32_t> Items(const IntArray& a) { return std::vector<int32_t>(a.pData, a.pData + a.nSize); }
+
+using Ints = std::vector<int32_t>;
+
+TEST(Entry, CopiesAtMostFortySixWholeSlots) {
+  std::vector<void*> table(60);
+  for (size_t i = 0; i < table.size(); ++i) table[i] = reinterpret_cast<void*>(0x1000 + i);
+  table[1] = nullptr;  // no define function: nothing gets registered
+  EXPECT_EQ(QZ_InitWrapper(table.data(), 60 * sizeof(void*)), 0);
+  EXPECT_EQ(qzEnv[45], reinterpret_cast<void*>(0x1000 + 45));
+
+  QZ_InitWrapper(table.data(), 3 * sizeof(void*) + 4);
+  EXPECT_EQ(qzEnv[2], reinterpret_cast<void*>(0x1002));
+  EXPECT_EQ(qzEnv[3], nullptr) << "a part-slot is not copied";
+  EXPECT_EQ(qzEnv[45], nullptr);
+}
+
+class Session : public LibraryTest {
+ protected:
+  // Calls a scanner callback and expects it to succeed with true.
+  void Scan(const std::string& name, std::vector<Value> args) {
+    auto r = host.Call(name, std::move(args));
+    ASSERT_EQ(r.ok, 1) << name;
+    ASSERT_EQ(r.result, qzhost::kTrue) << name;
+  }
+  void OpenTag(const std::u16string& name, int offset) { Scan("openTagBegin", {host.Str(name), host.Int(offset)}); }
+  void Attr(const std::u16string& name, const std::u16string& value) {
+    Scan("attribute", {host.Str(name), host.Str(value)});
+  }
+  void OpenEnd(int end, const std::u16string& closing = u"") { Scan("openTagEnd", {host.Int(end), host.Str(closing)}); }
+  void CloseTag(const std::u16string& name, int offset, int end) {
+    Scan("closeTagBegin", {host.Str(name), host.Int(offset)});
+    Scan("closeTagEnd", {host.Int(end)});
+  }
+  std::u16string EncodedRecords() { return std::u16string(gEncodedAttrs.pData, gEncodedAttrs.nSize); }
+  void Post() {
+    ASSERT_EQ(host.Call("initialize", {}).ok, 1);
+    ASSERT_EQ(host.Call("beginPostTranslate", {}).ok, 1);
+  }
+};
+
+TEST_F(Session, InitializeEmptiesAndKeepsStorageCleanupReleases) {
+  ASSERT_EQ(host.Call("initialize", {}).ok, 1);
+  IntArrayAdd(&gLabelArray, 7);
+  gFromServerTitleInsideStart = 4;
+  int32_t* storage = gLabelArray.pData;
+  auto r = host.Call("initialize", {host.Int(1)});
+  EXPECT_EQ(r.ok, 1);
+  EXPECT_EQ(r.result, FakeHost::kUnset) << "initialize leaves the result alone";
+  EXPECT_EQ(gLabelArray.nSize, 0);
+  EXPECT_EQ(gLabelArray.pData, storage);
+  EXPECT_EQ(gFromServerTitleInsideStart, -1);
+
+  EXPECT_EQ(host.Call("cleanup", {}).ok, 1);
+  EXPECT_EQ(gLabelArray.pData, nullptr);
+  EXPECT_EQ(gEncodedAttrs.pData, nullptr);
+  EXPECT_EQ(host.Call("cleanup", {}).ok, 1) << "a second cleanup finds nothing to release";
+}
+
+TEST_F(Session, InitializeFailsCleanlyWhenMemoryRunsOut) {
+  for (long k = 1;; ++k) {
+    MemFailAt(k);
+    int ok = host.Call("initialize", {}).ok;
+    MemFailAt(0);
+    host.Call("cleanup", {});
+    ASSERT_EQ(MemOutstanding(), 0) << "allocation " << k;
+    if (ok) break;
+    ASSERT_LT(k, 20);
+  }
+}
+
+TEST_F(Session, CallbacksRefuseWrongArgumentCounts) {
+  Post();
+  auto r = host.Call("closeTagEnd", {host.Int(1), host.Int(2)});
+  EXPECT_EQ(r.ok, 0);
+  EXPECT_EQ(r.result, FakeHost::kUnset);
+  r = host.Call("directive", {host.Str(u"<!--QZVX 1 -->")});
+  EXPECT_EQ(r.ok, 0);
+  for (const char* name : {"openTagBegin", "attribute", "openTagEnd", "closeTagBegin"})
+    EXPECT_EQ(host.Call(name, {host.Int(1)}).ok, 0) << name;
+  EXPECT_EQ(gFromServerTagEndArray.nSize, 0);
+  EXPECT_EQ(gLabelArray.nSize, 0);
+  // text answers true in the post pass whatever it is given.
+  r = host.Call("text", {host.Int(1), host.Int(2), host.Int(3)});
+  EXPECT_EQ(r.ok, 1);
+  EXPECT_EQ(r.result, qzhost::kTrue);
+}
+
+TEST_F(Session, LabelCommentsAreRecognisedExactly) {
+  Post();
+  Scan("directive", {host.Str(u"<!--QZVX 12 -->"), host.Int(40)});
+  Scan("directive", {host.Str(u"<!--qzvx 13 -->"), host.Int(60)});
+  Scan("directive", {host.Str(u"<!--QZVX -->"), host.Int(80)});
+  Scan("directive", {host.Str(u"<!-- plain -->"), host.Int(90)});
+  EXPECT_EQ(Items(gFromServerOffsetArray), Ints{40});
+  EXPECT_EQ(Items(gFromServerLengthArray), Ints{15});
+  EXPECT_EQ(Items(gLabelArray), Ints{12});
+}
+
+TEST_F(Session, LabelledTagIsRecordedWithItsEncodedAttributes) {
+  Post();
+  // <p qzvx="2"  align="center"> at offset 0, as the pre pass labelled it.
+  OpenTag(u"p", 0);
+  EXPECT_EQ(gOffset, 2);
+  Attr(u"qzvx", u"2");
+  EXPECT_EQ(gMarker, 2);
+  Attr(u"align", u"center");
+  OpenEnd(28);
+  EXPECT_EQ(Items(gAttrFromServerOffsetArray), Ints{2});
+  EXPECT_EQ(Items(gAttrFromServerLengthArray), Ints{25});
+  EXPECT_EQ(Items(gAttrLabelArray), Ints{2});
+  EXPECT_EQ(Items(gFromServerTagBeginArray), Ints{0});
+  EXPECT_EQ(Items(gFromServerTagEndArray), Ints{28});
+  EXPECT_EQ(EncodedRecords(), std::u16string(u"align=center \0", 14));
+}
+
+TEST_F(Session, EncodedAttributeValuesAreQuotedOnlyForBlanks) {
+  Post();
+  OpenTag(u"img", 10);
+  Attr(u"before", u"x");  // before the label: not recorded
+  Attr(u"qzvx", u"0");
+  Attr(u"alt", u"a b");
+  Attr(u"tab", u"a\tb");
+  Attr(u"QZVX", u"1");  // another case: an ordinary attribute
+  Attr(u"", u"v");      // empty name: the value stands for both
+  OpenEnd(60, u" /");
+  EXPECT_EQ(EncodedRecords(),
+            std::u16string(u"alt=%22a%20b%22 tab=a%09b QZVX=1 v=v \0", 38));
+  EXPECT_EQ(Items(gAttrFromServerLengthArray), Ints{60 - 14 - 1 - 2});
+
+  // A tag without a label attribute adds only its boundaries.
+  OpenTag(u"b", 70);
+  Attr(u"x", u"y");
+  OpenEnd(80);
+  EXPECT_EQ(gAttrLabelArray.nSize, 1);
+  EXPECT_EQ(Items(gFromServerTagEndArray), (Ints{60, 80}));
+}
+
+TEST_F(Session, TitleIndexesPointAtTheLastTitle) {
+  Post();
+  for (int k = 0; k < 2; ++k) {
+    int base = k * 100;
+    OpenTag(k ? u"TITLE" : u"title", base);
+    OpenEnd(base + 7);
+    CloseTag(u"Title", base + 20, base + 28);
+  }
+  OpenTag(u"titles", 300);
+  OpenEnd(308);
+  EXPECT_EQ(gFromServerTitleInsideStart, 2) << "end entry of the second title open tag";
+  EXPECT_EQ(gFromServerTitleInsideEnd, 3) << "begin entry of the second title close tag";
+}
+
+TEST_F(Session, OpenTagBeginSetsTheNameEndInThePrePassToo) {
+  ASSERT_EQ(host.Call("initialize", {}).ok, 1);
+  ASSERT_EQ(host.Call("beginPreTranslate", {host.Str(u"<%"), host.Str(u"%>"), qzhost::kNull, qzhost::kNull}).ok, 1);
+  OpenTag(u"td", 100);
+  EXPECT_EQ(gOffset, 103);
+  EXPECT_EQ(gFromServerTagBeginArray.nSize, 0) << "pre pass records no tag boundaries";
+}
+
+class LabelInsertion : public Session {
+ protected:
+  // Runs endPreTranslate over page with the given places.
+  std::u16string Labelled(const std::u16string& page, Ints comments, Ints attrs, int* ok = nullptr) {
+    EXPECT_EQ(host.Call("initialize", {}).ok, 1);
+    for (int32_t o : comments) IntArrayAdd(&gOffsetArray, o);
+    for (int32_t o : attrs) IntArrayAdd(&gAttrOffsetArray, o);
+    auto r = host.Call("endPreTranslate", {host.Str(page)});
+    if (ok) *ok = r.ok;
+    return r.ok ? host.Text(r.result) : u"<failed>";
+  }
+};
+
+TEST_F(LabelInsertion, WritesCommentsAndAttributesInPlaceOrder) {
+  EXPECT_EQ(Labelled(u"<p>x</p>", {}, {}), u"<p>x</p>");
+  EXPECT_EQ(Labelled(u"<x:a>t</x:a>", {0, 5, 6, 12}, {}),
+            u"<!--QZVX 0 --><x:a><!--QZVX 1 -->t<!--QZVX 2 --></x:a><!--QZVX 3 -->");
+  EXPECT_EQ(Labelled(u"<img src=\"a\">", {}, {4}), u"<img qzvx=\"0\"  src=\"a\">");
+  EXPECT_EQ(Labelled(u"ab", {1, 1}, {1}), u"a qzvx=\"0\" <!--QZVX 0 --><!--QZVX 1 -->b")
+      << "equal places: the attribute first, comments in index order";
+  Ints many(11, 0);
+  std::u16string out = Labelled(u"", many, {});
+  EXPECT_EQ(out.substr(out.size() - 15), u"<!--QZVX 10 -->");
+}
+
+TEST_F(LabelInsertion, RefusesPlacesThatDoNotFitThePage) {
+  int ok = 1;
+  Labelled(u"abc", {2, 1}, {}, &ok);
+  EXPECT_EQ(ok, 0) << "descending places";
+  Labelled(u"abc", {1}, {2, 0}, &ok);
+  EXPECT_EQ(ok, 0) << "a comment place lower than an attribute place already used";
+  Labelled(u"abc", {4}, {}, &ok);
+  EXPECT_EQ(ok, 0) << "a place beyond the page's end";
+  EXPECT_EQ(Labelled(u"abc", {3}, {}), u"abc<!--QZVX 0 -->");
+}
+
+TEST_F(LabelInsertion, ASecondCallMakesTheSamePageAndWrongCountsFail) {
+  std::u16string first = Labelled(u"<p>a</p>", {3, 4}, {});
+  auto r = host.Call("endPreTranslate", {host.Str(u"<p>a</p>")});
+  EXPECT_EQ(host.Text(r.result), first);
+  r = host.Call("endPreTranslate", {});
+  EXPECT_EQ(r.ok, 0);
+  EXPECT_EQ(r.result, FakeHost::kUnset);
+}
+
+TEST_F(LabelInsertion, FailsWithoutStringToValueOrMemory) {
+  ASSERT_EQ(host.Call("initialize", {}).ok, 1);
+  IntArrayAdd(&gOffsetArray, 0);
+  MemFailAt(1);
+  EXPECT_EQ(host.Call("endPreTranslate", {host.Str(u"page")}).ok, 0);
+  MemFailAt(0);
+  host.ClearSlot(kSlotStringToValue);
+  EXPECT_EQ(host.Call("endPreTranslate", {host.Str(u"page")}).ok, 0);
+}
+
+class TextServices : public LibraryTest {
+ protected:
+  std::u16string Match(const std::u16string& model, const std::u16string& text) {
+    auto r = host.Call("setLineEndingsToMatch", {host.Str(model), host.Str(text)});
+    EXPECT_EQ(r.ok, 1);
+    return host.Text(r.result);
+  }
+  std::u16string Replace(const std::u16string& text, const std::u16string& tag, const std::u16string& search,
+                         const std::u16string& replacement) {
+    auto r = host.Call("replaceTextInsideTag",
+                       {host.Str(text), host.Str(tag), host.Str(search), host.Str(replacement)});
+    EXPECT_EQ(r.ok, 1);
+    return host.Text(r.result);
+  }
+};
+
+TEST_F(TextServices, LineEndingsFollowTheModelsFirstEnding) {
+  EXPECT_EQ(Match(u"a\r\nb", u"x\ny\nz"), u"x\r\ny\r\nz");
+  EXPECT_EQ(Match(u"a\nb", u"x\r\ny"), u"x\ny");
+  EXPECT_EQ(Match(u"a\rb", u"x\r\ny"), u"x\ry");
+  EXPECT_EQ(Match(u"a\r\n", u"b\r"), u"b\r\n");
+  EXPECT_EQ(Match(u"a\n", u"x\ry\r\nz"), u"x\ny\n\nz");
+  Value text = host.Str(u"x\ny");
+  for (Value model : {host.Str(u"plain"), host.Str(u"a\nb")}) {
+    auto r = host.Call("setLineEndingsToMatch", {model, text});
+    EXPECT_EQ(r.result, text) << "the script's own value comes back";
+  }
+  EXPECT_EQ(host.Call("setLineEndingsToMatch", {text}).ok, 0);
+  MemFailAt(1);
+  EXPECT_EQ(host.Call("setLineEndingsToMatch", {host.Str(u"\r\n"), text}).ok, 0);
+}
+
+TEST_F(TextServices, ReplacesOnlyInsideTheNamedElements) {
+  EXPECT_EQ(Replace(u"<b>x</b> x", u"b", u"x", u"y"), u"<b>y</b> x");
+  EXPECT_EQ(Replace(u"<b><b>x</b>x</b>x", u"b", u"x", u"y"), u"<b><b>y</b>y</b>x");
+  EXPECT_EQ(Replace(u"<b>b</b>", u"b", u"b", u"y"), u"<y>y</b>");
+  EXPECT_EQ(Replace(u"<B>abc</b>", u"b", u"AbC", u"z"), u"<B>z</b>");
+  EXPECT_EQ(Replace(u"<br>x", u"b", u"x", u"y"), u"<br>y");
+  EXPECT_EQ(Replace(u"</b>x", u"b", u"x", u"y"), u"</b>x");
+  EXPECT_EQ(Replace(u"a<i>x</i>x", u"", u"x", u"y"), u"a<i>y</i>y");
+  EXPECT_EQ(Replace(u"no tag x", u"b", u"x", u"y"), u"no tag x");
+}
+
+TEST_F(TextServices, ReplacementsGrowTheTextWithinItsBudget) {
+  // Ten units, eight of them replaced by pairs: 2 units become 5, four times.
+  EXPECT_EQ(Replace(u"<bxxxxxxxx", u"b", u"xx", u"12345").size(), 10u + 4 * 3);
+  // An empty search text finds nothing.
+  EXPECT_EQ(Replace(u"<b>x</b>", u"b", u"", u"y"), u"<b>x</b>");
+}
+
+TEST_F(TextServices, FailWithoutTheirOperations) {
+  auto r = host.Call("replaceTextInsideTag", {host.Str(u"a"), host.Str(u"b"), host.Str(u"c")});
+  EXPECT_EQ(r.ok, 0);
+  MemFailAt(1);
+  EXPECT_EQ(host.Call("replaceTextInsideTag", {host.Str(u"a"), host.Str(u"b"), host.Str(u"c"), host.Str(u"d")}).ok, 0);
+  MemFailAt(0);
+  host.ClearSlot(kSlotStringToValue);
+  EXPECT_EQ(host.Call("replaceTextInsideTag", {host.Str(u"a"), host.Str(u"b"), host.Str(u"c"), host.Str(u"d")}).ok, 0);
+  EXPECT_EQ(host.Call("setLineEndingsToMatch", {host.Str(u"\r\n"), host.Str(u"\n")}).ok, 0);
+  host.ClearSlot(kSlotValueToString);
+  EXPECT_EQ(host.Call("setLineEndingsToMatch", {host.Str(u"\r\n"), host.Str(u"\n")}).ok, 0);
+}
+
+}  // namespace
