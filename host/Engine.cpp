@@ -38,21 +38,24 @@ Value Engine::Make(Cell cell) {
 }
 
 Value Engine::Str(std::u16string text) {
-  Cell c{Kind::String};
+  Cell c;
+  c.kind = Kind::String;
   c.text = std::move(text);
   c.className = "String";
   return Make(std::move(c));
 }
 
 Value Engine::Int(int64_t n) {
-  Cell c{Kind::Int};
+  Cell c;
+  c.kind = Kind::Int;
   c.number = n;
   c.className = "Number";
   return Make(std::move(c));
 }
 
 Value Engine::Array(std::vector<Value> elements) {
-  Cell c{Kind::Array};
+  Cell c;
+  c.kind = Kind::Array;
   c.elements = std::move(elements);
   c.className = "Array";
   return Make(std::move(c));
@@ -97,6 +100,11 @@ std::u16string Engine::ToText(Value v) {
     }
   }
   return u"";
+}
+
+void Engine::Release(Mark mark) {
+  while (cells_.size() > mark.cells) cells_.pop_back();
+  while (conversions_.size() > mark.conversions) conversions_.pop_back();
 }
 
 NativeFn Engine::Find(const std::string& name) const {

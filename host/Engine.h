@@ -67,13 +67,24 @@ class Engine {
   // starts as `initial` so a caller can tell whether the native set it.
   CallResult Call(const std::string& name, std::vector<Value> args, Value initial = kNull);
 
+  // A point in the engine's life: cells and conversions made after it can be
+  // dropped with Release once no native holds their texts any more (natives
+  // keep no host text past their call), so a long scan does not pile them up.
+  struct Mark {
+    size_t cells;
+    size_t conversions;
+  };
+  Mark Save() const { return {cells_.size(), conversions_.size()}; }
+  // Drops what was made after the mark; values made since then are invalid.
+  void Release(Mark mark);
+
   // Value the define-function operation returns for the n-th registration.
   static intptr_t DefineResult(size_t n) { return static_cast<intptr_t>(1000 + n); }
 
  private:
   enum class Kind { String, Int, Array, Bool };
   struct Cell {
-    Kind kind;
+    Kind kind = Kind::String;
     int64_t number = 0;
     std::u16string text;           // the string, or a cached conversion
     std::vector<Value> elements;

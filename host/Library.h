@@ -1,0 +1,31 @@
+// Loading the translator library the way a host does: dlopen, then the one
+// entry function with the engine's operation table.
+#ifndef QZHOST_LIBRARY_H
+#define QZHOST_LIBRARY_H
+
+#include <string>
+
+#include "Engine.h"
+
+namespace qzhost {
+
+// The library's entry: (host table, its size in bytes) -> what the last
+// registration returned.
+using InitWrapperFn = intptr_t (*)(void* const* table, uint32_t sizeInBytes);
+
+// The fifteen script functions a translator script relies on.
+extern const char* const kScriptFunctions[15];
+
+// Loads the library at path (once per process; later calls reuse it) and
+// calls its entry with engine's full operation table, which registers the
+// script functions with that engine. Returns false with a message when the
+// file cannot be loaded, has no entry, or leaves a script function
+// unregistered.
+bool LoadTranslatorLibrary(const std::string& path, Engine& engine, std::string* error);
+
+// libServerTranslator.so in the folder of the running executable.
+std::string DefaultLibraryPath();
+
+}  // namespace qzhost
+
+#endif

@@ -1,0 +1,267 @@
+// The page scanner. One forward walk: every construct is measured first and
+// reported only once it is known to be finished, so that a construct cut off
+// by the end of the page is never half reported. Each measurement either ends
+// inside the page, and the walk goes on after it, or runs to the end, and the
+// walk stops there; no unit is measured twice, which keeps hostile pages
+// (thousands of unclosed tags or quotes) linear.
+#include "Scanner.h"
+
+#include <vector>
+
+namespace qzhost {
+namespace {
+
+constexpr size_t kNone = static_cast<size_t>(-1);
+
+bool IsAsciiLetter(char16_t u) { return (u >= u'a' && u <= u'z') || (u >= u'A' && u <= u'Z'); }
+
+char16_t FoldAscii(char16_t u) { return (u >= u'A' && u <= u'Z') ? static_cast<char16_t>(u + 32) : u; }
+
+bool EqualsFolded(std::u16string_view a, std::u16string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i)
+    if (FoldAscii(a[i]) != FoldAscii(b[i])) return false;
+  return true;
+}
+
+struct AttrSpan {
+  size_t nameBegin, nameEnd, valueBegin, valueEnd;
+};
+
+class PageScan {
+ public:
+  PageScan(std::u16string_view page, ScanSink& sink) : s_(page), n_(page.size()), sink_(sink) {}
+
+  bool Run();
+
+ private:
+  // First position at or after from where the units a, b (and c) stand in a
+  // row, or kNone.
+  size_t Find(size_t from, char16_t a, char16_t b) const;
+  size_t Find(size_t from, char16_t a, char16_t b, char16_t c) const;
+
+  bool IsServerBlockAt(size_t p) const {
+    return p + 1 < n_ && s_[p] == u'<' && (s_[p + 1] == u'%' || s_[p + 1] == u'?');
+  }
+  // Just past the "%>" or "?>" that closes the server block at p; the page's
+  // length when the block is not closed.
+  size_t ServerBlockEnd(size_t p) const;
+  // Just past the directive at p ("<!", "<%" or "<?"), or the page's length.
+  size_t DirectiveEnd(size_t p) const;
+  // Measures the open tag at p into the tag fields; false when the page ends
+  // before its ">".
+  bool MeasureOpenTag(size_t p);
+  // Measures the close tag at p: the end of its name and the position just
+  // past its ">"; false when the page ends before the ">".
+  bool MeasureCloseTag(size_t p, size_t* nameEnd, size_t* end) const;
+  // Position of the "<" of the whole close tag that ends raw content begun at
+  // from for the element named name, or kNone when the page ends first.
+  size_t FindRawClose(size_t from, std::u16string_view name) const;
+
+  bool FlushText(size_t upto);
+  bool ReportOpenTag(size_t p);
+  int32_t Off(size_t p) const { return static_cast<int32_t>(p); }
+  std::u16string_view Span(size_t begin, size_t end) const { return s_.substr(begin, end - begin); }
+
+  std::u16string_view s_;
+  size_t n_;
+  ScanSink& sink_;
+  size_t textStart_ = 0;  // first unit of the text run not yet reported
+
+  // The tag being measured.
+  size_t nameEnd_ = 0;
+  size_t closingBegin_ = 0;  // end of the last attribute, or of the name
+  size_t tagEnd_ = 0;        // just past the ">"
+  std::vector<AttrSpan> attrs_;
+};
+
+size_t PageScan::Find(size_t from, char16_t a, char16_t b) const {
+  for (size_t p = from; p + 1 < n_; ++p)
+    if (s_[p] == a && s_[p + 1] == b) return p;
+  return kNone;
+}
+
+size_t PageScan::Find(size_t from, char16_t a, char16_t b, char16_t c) const {
+  for (size_t p = from; p + 2 < n_; ++p)
+    if (s_[p] == a && s_[p + 1] == b && s_[p + 2] == c) return p;
+  return kNone;
+}
+
+size_t PageScan::ServerBlockEnd(size_t p) const {
+  size_t close = Find(p + 2, s_[p + 1], u'>');
+  return close == kNone ? n_ : close + 2;
+}
+
+size_t PageScan::DirectiveEnd(size_t p) const {
+  if (s_[p + 1] != u'!') return ServerBlockEnd(p);
+  if (p + 3 < n_ && s_[p + 2] == u'-' && s_[p + 3] == u'-') {
+    // Searching from the first dash lets "<!-->" end itself, as browsers do.
+    size_t close = Find(p + 2, u'-', u'-', u'>');
+    return close == kNone ? n_ : close + 3;
+  }
+  if (s_.substr(p, 9) == u"<![CDATA[") {
+    size_t close = Find(p + 9, u']', u']', u'>');
+    return close == kNone ? n_ : close + 3;
+  }
+  size_t q = p + 2;
+  while (q < n_) {
+    if (IsServerBlockAt(q)) {
+      q = ServerBlockEnd(q);
+      continue;
+    }
+    if (s_[q] == u'>') return q + 1;
+    ++q;
+  }
+  return n_;
+}
+
+bool PageScan::MeasureOpenTag(size_t p) {
+  size_t q = p + 1;
+  while (q < n_ && !IsScanSpace(s_[q]) && s_[q] != u'/' && s_[q] != u'>' && !IsServerBlockAt(q)) ++q;
+  nameEnd_ = q;
+  closingBegin_ = q;
+  attrs_.clear();
+  for (;;) {
+    // Stray slashes between attributes are passed over like white space;
+    // only those right before the ">" end up in the closing text.
+    while (q < n_ && (IsScanSpace(s_[q]) || s_[q] == u'/')) ++q;
+    if (q >= n_) return false;
+    if (s_[q] == u'>') {
+      tagEnd_ = q + 1;
+      return true;
+    }
+    AttrSpan a;
+    a.nameBegin = q;
+    while (q < n_) {
+      if (IsServerBlockAt(q)) {
+        q = ServerBlockEnd(q);
+        continue;
+      }
+      char16_t u = s_[q];
+      if (IsScanSpace(u) || u == u'/' || u == u'>' || u == u'=') break;
+      ++q;
+    }
+    a.nameEnd = q;
+    a.valueBegin = a.valueEnd = q;
+    size_t r = q;
+    while (r < n_ && IsScanSpace(s_[r])) ++r;
+    if (r < n_ && s_[r] == u'=') {
+      ++r;
+      while (r < n_ && IsScanSpace(s_[r])) ++r;
+      if (r >= n_) return false;
+      char16_t quote = s_[r];
+      if (quote == u'"' || quote == u'\'') {
+        a.valueBegin = ++r;
+        while (r < n_ && s_[r] != quote) r = IsServerBlockAt(r) ? ServerBlockEnd(r) : r + 1;
+        if (r >= n_) return false;
+        a.valueEnd = r;
+        q = r + 1;
+      } else {
+        a.valueBegin = r;
+        while (r < n_ && !IsScanSpace(s_[r]) && s_[r] != u'>')
+          r = IsServerBlockAt(r) ? ServerBlockEnd(r) : r + 1;
+        a.valueEnd = r;
+        q = r;
+      }
+    }
+    attrs_.push_back(a);
+    closingBegin_ = q;
+  }
+}
+
+bool PageScan::MeasureCloseTag(size_t p, size_t* nameEnd, size_t* end) const {
+  size_t q = p + 2;
+  while (q < n_ && !IsScanSpace(s_[q]) && s_[q] != u'/' && s_[q] != u'>' && !IsServerBlockAt(q)) ++q;
+  *nameEnd = q;
+  while (q < n_ && s_[q] != u'>') q = IsServerBlockAt(q) ? ServerBlockEnd(q) : q + 1;
+  if (q >= n_) return false;
+  *end = q + 1;
+  return true;
+}
+
+size_t PageScan::FindRawClose(size_t from, std::u16string_view name) const {
+  size_t q = from;
+  while (q < n_) {
+    if (s_[q] != u'<') {
+      ++q;
+      continue;
+    }
+    if (IsServerBlockAt(q)) {
+      q = ServerBlockEnd(q);
+      continue;
+    }
+    size_t after = q + 2 + name.size();
+    if (q + 1 < n_ && s_[q + 1] == u'/' && after < n_ && EqualsFolded(s_.substr(q + 2, name.size()), name) &&
+        (IsScanSpace(s_[after]) || s_[after] == u'/' || s_[after] == u'>')) {
+      // A close tag cut off by the end of the page closes nothing; the search
+      // for its ">" ran to the end, so there is nothing left to look at.
+      size_t nameEnd, end;
+      return MeasureCloseTag(q, &nameEnd, &end) ? q : kNone;
+    }
+    ++q;
+  }
+  return kNone;
+}
+
+bool PageScan::FlushText(size_t upto) {
+  if (upto <= textStart_) return true;
+  bool ok = sink_.Text(Span(textStart_, upto), Off(textStart_));
+  textStart_ = upto;
+  return ok;
+}
+
+bool PageScan::ReportOpenTag(size_t p) {
+  if (!sink_.OpenTagBegin(Span(p + 1, nameEnd_), Off(p))) return false;
+  for (const AttrSpan& a : attrs_)
+    if (!sink_.Attribute(Span(a.nameBegin, a.nameEnd), Span(a.valueBegin, a.valueEnd))) return false;
+  return sink_.OpenTagEnd(Off(tagEnd_), Span(closingBegin_, tagEnd_ - 1));
+}
+
+bool PageScan::Run() {
+  size_t pos = 0;
+  while (pos < n_) {
+    size_t p = pos;
+    while (p < n_ && s_[p] != u'<') ++p;
+    if (p + 1 >= n_) break;
+    char16_t next = s_[p + 1];
+    if (next == u'!' || next == u'%' || next == u'?') {
+      size_t end = DirectiveEnd(p);
+      if (!FlushText(p) || !sink_.Directive(Span(p, end), Off(p))) return false;
+      pos = textStart_ = end;
+    } else if (IsAsciiLetter(next)) {
+      if (!MeasureOpenTag(p)) break;
+      std::u16string_view name = Span(p + 1, nameEnd_);
+      bool selfClosed = tagEnd_ - 1 > closingBegin_ && s_[tagEnd_ - 2] == u'/';
+      size_t rawClose = kNone;
+      if (!selfClosed && (EqualsFolded(name, u"script") || EqualsFolded(name, u"style"))) {
+        // Raw content without its close tag is unfinished like a tag without
+        // its ">": the element is not reported at all.
+        rawClose = FindRawClose(tagEnd_, name);
+        if (rawClose == kNone) break;
+      }
+      if (!FlushText(p) || !ReportOpenTag(p)) return false;
+      pos = textStart_ = tagEnd_;
+      // The raw content joins the text run that its close tag ends.
+      if (rawClose != kNone) pos = rawClose;
+    } else if (next == u'/' && p + 2 < n_ && IsAsciiLetter(s_[p + 2])) {
+      size_t nameEnd, end;
+      if (!MeasureCloseTag(p, &nameEnd, &end)) break;
+      if (!FlushText(p) || !sink_.CloseTagBegin(Span(p + 2, nameEnd), Off(p)) || !sink_.CloseTagEnd(Off(end)))
+        return false;
+      pos = textStart_ = end;
+    } else {
+      pos = p + 1;
+    }
+  }
+  return FlushText(n_);
+}
+
+}  // namespace
+
+bool ScanPage(std::u16string_view page, ScanSink& sink) {
+  if (page.size() > kMaxScanUnits) return false;
+  PageScan scan(page, sink);
+  return scan.Run();
+}
+
+}  // namespace qzhost

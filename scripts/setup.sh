@@ -1,0 +1,41 @@
+#!/usr/bin/env bash
+# Prepares a fresh machine and builds the project into build/ (or $BUILD_DIR).
+#
+# Installs, through apt-get and only when missing: the build tools (cmake,
+# g++, GoogleTest, Google Benchmark) and the servers the translate command
+# drives in the demos and tests (php for php pages, erb from ruby for erb
+# pages). Needs root or sudo only when something must be installed.
+set -euo pipefail
+
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+BUILD_DIR="${BUILD_DIR:-$ROOT/build}"
+BUILD_TYPE="${BUILD_TYPE:-RelWithDebInfo}"
+
+missing=()
+command -v cmake >/dev/null 2>&1 || missing+=(cmake)
+command -v g++ >/dev/null 2>&1 || missing+=(g++)
+[ -e /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
+[ -e /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
+command -v php >/dev/null 2>&1 || missing+=(php-cli)
+command -v erb >/dev/null 2>&1 || missing+=(ruby)
+
+if [ ${#missing[@]} -gt 0 ]; then
+  SUDO=""
+  if [ "$(id -u)" -ne 0 ]; then
+    if command -v sudo >/dev/null 2>&1; then
+      SUDO="sudo"
+    else
+      echo "setup: need root to install: ${missing[*]}" >&2
+      exit 1
+    fi
+  fi
+  echo "setup: installing ${missing[*]}" >&2
+  export DEBIAN_FRONTEND=noninteractive
+  $SUDO apt-get update -q
+  $SUDO apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi
+
+jobs="$(nproc 2>/dev/null || echo 2)"
+cmake -S "$ROOT" -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE="$BUILD_TYPE" >/dev/null
+cmake --build "$BUILD_DIR" -j"$jobs"
+echo "setup: built into $BUILD_DIR" >&2
