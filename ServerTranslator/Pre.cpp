@@ -206,8 +206,8 @@ void IndexPlace(int32_t* pSlots, int32_t nSlots, int32_t iEntry) {
 }
 
 bool IndexGrowSlots() {
-  int32_t nNew = sIndex.nSlots ? sIndex.nSlots * 2 : kFirstIndexSize;
   if (sIndex.nSlots >= kLargestIndexSize) return false;
+  int32_t nNew = sIndex.nSlots ? sIndex.nSlots * 2 : kFirstIndexSize;
   int32_t* pNew = static_cast<int32_t*>(MemAlloc(static_cast<size_t>(nNew) * sizeof(int32_t)));
   if (!pNew) return false;
   for (int32_t s = 0; s < nNew; ++s) pNew[s] = -1;
@@ -264,7 +264,7 @@ void IndexClearSlot(uint32_t s) {
     if (k == -1) break;
     uint32_t home = sIndex.pLinks[k].hash & mask;
     bool bHomeBetween = s <= j ? (s < home && home <= j) : (s < home || home <= j);
-    if (bHomeBetween || true) break;
+    if (bHomeBetween) continue;
     sIndex.pSlots[s] = k;
     s = j;
   }
@@ -300,8 +300,7 @@ int32_t FindOpenTag(const char16_t* name) {
     return StringArrayFindLastExact(&gOpenTags, name);
   }
   if (sIndex.nSlots == 0) return -1;
-  int32_t k = sIndex.pSlots[IndexProbe(name, FoldedHash(name))];
-  return k;
+  return sIndex.pSlots[IndexProbe(name, FoldedHash(name))];
 }
 
 // ---------------------------------------------------------------------------
