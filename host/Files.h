@@ -8,7 +8,7 @@
 namespace qzhost {
 
 // Reads the whole file. On failure returns false with a message naming the
-// path and the system's reason; *bytes is then unspecified.
+// path and the system's reason; *bytes then holds what was read before.
 bool ReadWholeFile(const std::string& path, std::string* bytes, std::string* error);
 
 // Replaces the file at path with bytes, or leaves it as it was: the bytes go

@@ -46,8 +46,9 @@ class PageScan {
   // Just past the "%>" or "?>" that closes the server block at p; the page's
   // length when the block is not closed.
   size_t ServerBlockEnd(size_t p) const;
-  // Just past the directive at p ("<!", "<%" or "<?"), or the page's length.
-  size_t DirectiveEnd(size_t p) const;
+  // Just past the directive at p ("<!", "<%" or "<?"), or the page's length
+  // with *closed false when the page ends first.
+  size_t DirectiveEnd(size_t p, bool* closed) const;
   // Measures the open tag at p into the tag fields; false when the page ends
   // before its ">".
   bool MeasureOpenTag(size_t p);
@@ -92,26 +93,27 @@ size_t PageScan::ServerBlockEnd(size_t p) const {
   return close == kNone ? n_ : close + 2;
 }
 
-size_t PageScan::DirectiveEnd(size_t p) const {
-  if (s_[p + 1] != u'!') return ServerBlockEnd(p);
-  if (p + 3 < n_ && s_[p + 2] == u'-' && s_[p + 3] == u'-') {
+size_t PageScan::DirectiveEnd(size_t p, bool* closed) const {
+  *closed = true;
+  size_t close;
+  size_t markLength = 2;
+  if (s_[p + 1] != u'!') {
+    close = Find(p + 2, s_[p + 1], u'>');
+  } else if (p + 3 < n_ && s_[p + 2] == u'-' && s_[p + 3] == u'-') {
     // Searching from the first dash lets "<!-->" end itself, as browsers do.
-    size_t close = Find(p + 2, u'-', u'-', u'>');
-    return close == kNone ? n_ : close + 3;
+    close = Find(p + 2, u'-', u'-', u'>');
+    markLength = 3;
+  } else if (s_.substr(p, 9) == u"<![CDATA[") {
+    close = Find(p + 9, u']', u']', u'>');
+    markLength = 3;
+  } else {
+    size_t q = p + 2;
+    while (q < n_ && s_[q] != u'>') q = IsServerBlockAt(q) ? ServerBlockEnd(q) : q + 1;
+    close = q < n_ ? q : kNone;
+    markLength = 1;
   }
-  if (s_.substr(p, 9) == u"<![CDATA[") {
-    size_t close = Find(p + 9, u']', u']', u'>');
-    return close == kNone ? n_ : close + 3;
-  }
-  size_t q = p + 2;
-  while (q < n_) {
-    if (IsServerBlockAt(q)) {
-      q = ServerBlockEnd(q);
-      continue;
-    }
-    if (s_[q] == u'>') return q + 1;
-    ++q;
-  }
+  if (close != kNone) return close + markLength;
+  *closed = false;
   return n_;
 }
 
@@ -225,11 +227,17 @@ bool PageScan::Run() {
     if (p + 1 >= n_) break;
     char16_t next = s_[p + 1];
     if (next == u'!' || next == u'%' || next == u'?') {
-      size_t end = DirectiveEnd(p);
-      if (!FlushText(p) || !sink_.Directive(Span(p, end), Off(p))) return false;
+      bool closed;
+      size_t end = DirectiveEnd(p, &closed);
+      if (!FlushText(p)) return false;
+      if (!closed) sink_.Cut(Unfinished::kDirective, Off(p));
+      if (!sink_.Directive(Span(p, end), Off(p))) return false;
       pos = textStart_ = end;
     } else if (IsAsciiLetter(next)) {
-      if (!MeasureOpenTag(p)) break;
+      if (!MeasureOpenTag(p)) {
+        sink_.Cut(Unfinished::kOpenTag, Off(p));
+        break;
+      }
       std::u16string_view name = Span(p + 1, nameEnd_);
       bool selfClosed = tagEnd_ - 1 > closingBegin_ && s_[tagEnd_ - 2] == u'/';
       size_t rawClose = kNone;
@@ -237,7 +245,10 @@ bool PageScan::Run() {
         // Raw content without its close tag is unfinished like a tag without
         // its ">": the element is not reported at all.
         rawClose = FindRawClose(tagEnd_, name);
-        if (rawClose == kNone) break;
+        if (rawClose == kNone) {
+          sink_.Cut(Unfinished::kRawText, Off(p));
+          break;
+        }
       }
       if (!FlushText(p) || !ReportOpenTag(p)) return false;
       pos = textStart_ = tagEnd_;
@@ -245,7 +256,10 @@ bool PageScan::Run() {
       if (rawClose != kNone) pos = rawClose;
     } else if (next == u'/' && p + 2 < n_ && IsAsciiLetter(s_[p + 2])) {
       size_t nameEnd, end;
-      if (!MeasureCloseTag(p, &nameEnd, &end)) break;
+      if (!MeasureCloseTag(p, &nameEnd, &end)) {
+        sink_.Cut(Unfinished::kCloseTag, Off(p));
+        break;
+      }
       if (!FlushText(p) || !sink_.CloseTagBegin(Span(p + 2, nameEnd), Off(p)) || !sink_.CloseTagEnd(Off(end)))
         return false;
       pos = textStart_ = end;

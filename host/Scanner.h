@@ -30,6 +30,14 @@
 
 namespace qzhost {
 
+// Constructs that the end of a page can cut off.
+enum class Unfinished {
+  kDirective,  // reported all the same, running to the end
+  kOpenTag,    // not reported: the rest of the page is one text run
+  kCloseTag,   // the same
+  kRawText,    // a script or style element without its close tag: the same
+};
+
 // Receives what a scan finds. Offsets count UTF-16 code units from the start
 // of the page. The views point into the page and are valid during the call
 // only. A method returns false to stop the scan.
@@ -54,6 +62,13 @@ class ScanSink {
   virtual bool CloseTagEnd(int32_t endOffset) = 0;
   // A run of text between constructs, never empty, and its offset.
   virtual bool Text(std::u16string_view text, int32_t offset) = 0;
+  // Told, before the scan reports what follows, that the construct whose
+  // "<" stands at offset is cut off by the end of the page. Ignored unless
+  // a sink wants to warn about it.
+  virtual void Cut(Unfinished kind, int32_t offset) {
+    (void)kind;
+    (void)offset;
+  }
 };
 
 // Longest page a scan accepts: offsets must fit a signed 32-bit number.

@@ -124,7 +124,10 @@ bool RunServer(const std::string& command, const std::string& folder, std::strin
     }
     if (errIdx >= 0 && fds[errIdx].revents) {
       ssize_t got = read(errFromServer, chunk, sizeof chunk);
-      if (got > 0) KeepTail(&run->errors, chunk, static_cast<size_t>(got));
+      if (got > 0) {
+        KeepTail(&run->errors, chunk, static_cast<size_t>(got));
+        run->errorBytes += static_cast<size_t>(got);
+      }
       else if (got == 0 || errno != EINTR) CloseIf(&errFromServer);
     }
   }

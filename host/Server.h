@@ -14,6 +14,7 @@ struct ServerRun {
   int signal = 0;       // the signal that ended it, or 0
   std::string output;   // everything it wrote to standard output
   std::string errors;   // the tail of what it wrote to standard error (at most kErrorTail bytes)
+  size_t errorBytes = 0;  // how much it wrote to standard error in all
   bool Succeeded() const { return exitStatus == 0; }
 };
 

@@ -3,8 +3,10 @@
 #include "Translator.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "Scanner.h"
+#include "Utf8.h"
 
 namespace qzhost {
 namespace {
@@ -24,7 +26,8 @@ Profile MakeErb() {
   Profile p;
   p.name = "erb";
   p.extensions = {"erb", "rhtml"};
-  p.serverCommand = "erb";
+  // "-T -" also accepts the <%- and -%> forms that trim white space.
+  p.serverCommand = "erb -T -";
   p.directiveStart = u"<%";
   p.directiveEnd = u"%>";
   return p;
@@ -87,8 +90,11 @@ class LibrarySink : public ScanSink {
     return Send(text_, "text", offset, {Str(text), engine_.Int(offset)});
   }
 
+  void Cut(Unfinished kind, int32_t offset) override { cuts_.push_back({kind, offset}); }
+
   // Which callback failed, for the item at which offset; empty while none did.
   const std::string& Failure() const { return failure_; }
+  const std::vector<std::pair<Unfinished, int32_t>>& Cuts() const { return cuts_; }
 
  private:
   Value Str(std::u16string_view text) { return engine_.Str(std::u16string(text)); }
@@ -114,6 +120,7 @@ class LibrarySink : public ScanSink {
   NativeFn directive_, openTagBegin_, attribute_, openTagEnd_, closeTagBegin_, closeTagEnd_, text_;
   int32_t tagOffset_ = 0;  // the "<" of the tag being reported
   std::string failure_;
+  std::vector<std::pair<Unfinished, int32_t>> cuts_;
 };
 
 // A label comment as the library reads it back: "<!--QZVX", white space,
@@ -153,6 +160,28 @@ size_t PageLineOfLabel(std::u16string_view labelled, const std::vector<FoundLabe
   for (const FoundLabel& l : labels)
     if (l.number == number) return LineAt(labelled, l.offset);
   return 0;
+}
+
+// A warning about a construct of the page that its end cut off.
+std::string DescribeCut(std::u16string_view page, Unfinished kind, int32_t offset) {
+  std::u16string_view rest = page.substr(static_cast<size_t>(offset));
+  size_t shown = std::min<size_t>(rest.size(), 24);
+  for (size_t i = 0; i < shown; ++i)
+    if (rest[i] == u'\n' || rest[i] == u'\r') shown = i;
+  std::string snippet = EncodeUtf8(rest.substr(0, shown)) + (shown < rest.size() ? "..." : "");
+  std::string where = "line " + std::to_string(LineAt(page, static_cast<size_t>(offset))) + ": ";
+  switch (kind) {
+    case Unfinished::kDirective:
+      return where + "`" + snippet + "` is not closed before the end of the page";
+    case Unfinished::kOpenTag:
+    case Unfinished::kCloseTag:
+      return where + "the tag `" + snippet +
+             "` has no \">\" before the end of the page; it and all that follows are kept as text";
+    case Unfinished::kRawText:
+      return where + "`" + snippet +
+             "` has no close tag before the end of the page; it and all that follows are kept as text";
+  }
+  return where + "`" + snippet + "` is cut off by the end of the page";
 }
 
 }  // namespace
@@ -236,6 +265,7 @@ bool TranslationSession::Label(std::u16string_view page, std::u16string* labelle
     return false;
   }
   labelled_ = false;
+  warnings_.clear();
   Engine::Mark mark = engine_.Save();
   std::vector<Value> settings = {engine_.Str(profile_.directiveStart), engine_.Str(profile_.directiveEnd),
                                  StrArray(profile_.tagPrefixes), StrArray(profile_.nonHtmlTags)};
@@ -254,6 +284,7 @@ bool TranslationSession::Label(std::u16string_view page, std::u16string* labelle
       *error = sink.Failure().empty() ? "the page could not be scanned" : sink.Failure();
       ok = false;
     }
+    for (const auto& [kind, offset] : sink.Cuts()) warnings_.push_back(DescribeCut(page, kind, offset));
   }
   // endPreTranslate closes the pre pass whatever happened before it, so that
   // the next page can begin one.
@@ -323,15 +354,24 @@ std::string ExplainRejectedMerge(std::u16string_view labelled, std::u16string_vi
   // A start label (even) needs an end label (odd, not below it) somewhere
   // after it; a start whose end never came back means the server dropped the
   // rest of that stretch.
-  std::vector<int64_t> maxOddAfter(back.size() + 1, -1);
-  for (size_t i = back.size(); i-- > 0;)
-    maxOddAfter[i] = std::max(maxOddAfter[i + 1], back[i].number % 2 != 0 ? back[i].number : int64_t{-1});
+  auto closedAfter = [](const std::vector<FoundLabel>& labels) {
+    std::vector<int64_t> maxOdd(labels.size() + 1, -1);
+    for (size_t i = labels.size(); i-- > 0;)
+      maxOdd[i] = std::max(maxOdd[i + 1], labels[i].number % 2 != 0 ? labels[i].number : int64_t{-1});
+    return maxOdd;
+  };
+  std::vector<int64_t> sentClosed = closedAfter(sent), backClosed = closedAfter(back);
   for (size_t i = 0; i < back.size(); ++i) {
     int64_t start = back[i].number;
-    if (start < 0 || start % 2 != 0 || maxOddAfter[i + 1] >= start) continue;
+    if (start < 0 || start % 2 != 0 || backClosed[i + 1] >= start) continue;
     std::string why = "the server code that starts at label " + std::to_string(start);
     size_t line = PageLineOfLabel(labelled, sent, start);
     if (line) why += " (line " + std::to_string(line) + " of the page)";
+    for (size_t k = 0; k < sent.size(); ++k) {
+      if (sent[k].number != start || sentClosed[k + 1] >= start) continue;
+      return why + " has no end in the page itself: an element whose content is not HTML (such as one with "
+                   "runat=\"server\") is not closed";
+    }
     return why + " produced output whose closing label never came back; the server may have stopped early "
                  "(an exit or a fatal error) or dropped part of the page";
   }
@@ -343,11 +383,6 @@ std::string ExplainRejectedMerge(std::u16string_view labelled, std::u16string_vi
     if (q < p && q > 0 && output[q - 1] == u'<') continue;
     return "the server moved or rewrote the label attribute of a tag (line " + std::to_string(LineAt(output, p)) +
            " of its output); labels must come back where they were put";
-  }
-  for (const FoundLabel& l : back) {
-    if (l.number >= 0 && static_cast<size_t>(l.number) < sent.size()) continue;
-    return "the server's output holds label comment " + std::to_string(l.number) +
-           ", which the labelled page did not have";
   }
   return "";
 }

@@ -63,6 +63,9 @@ class TranslationSession {
   bool Start(std::string* error);
   bool Label(std::u16string_view page, std::u16string* labelled, std::string* error);
   bool Merge(std::u16string_view output, std::u16string* merged, std::string* error);
+  // What the last Label found cut off by the end of the page, one message
+  // per construct ("line 3: ..."); the page is translated all the same.
+  const std::vector<std::string>& Warnings() const { return warnings_; }
 
  private:
   bool Call(const char* name, std::vector<Value> args, Value* result, std::string* error);
@@ -74,6 +77,7 @@ class TranslationSession {
   bool labelled_ = false;
   std::u16string page_;
   std::u16string labelledPage_;
+  std::vector<std::string> warnings_;
 };
 
 // A guess at why the library refused to merge output, from the labels in the

@@ -6,6 +6,7 @@
 // standard error says which step and why), 2 for a wrong command line.
 // Nothing is written to the output until the merged page is complete, and an
 // output file is replaced whole or not at all.
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -42,7 +43,7 @@ const char kUsage[] =
     "                        libServerTranslator.so beside qztranslate)\n"
     "\n"
     "Without --server, --server-output or --labelled, the profile's own server runs\n"
-    "(php: php, erb: erb; asp has none).\n";
+    "(php: php, erb: erb -T -; asp has none).\n";
 
 struct Options {
   std::string profile;
@@ -83,12 +84,20 @@ int ParseOptions(int argc, char** argv, Options* o) {
       std::fputs(kUsage, stdout);
       return 0;
     }
-    if (name == "--profile") target = &o->profile;
-    else if (name == "--server") target = &o->server, o->hasServer = true;
-    else if (name == "--server-output") target = &o->serverOutput;
-    else if (name == "--labelled") target = &o->labelled;
-    else if (name == "-o" || name == "--output") target = &o->output;
-    else if (name == "--library") target = &o->library;
+    if (name == "--profile") {
+      target = &o->profile;
+    } else if (name == "--server") {
+      target = &o->server;
+      o->hasServer = true;
+    } else if (name == "--server-output") {
+      target = &o->serverOutput;
+    } else if (name == "--labelled") {
+      target = &o->labelled;
+    } else if (name == "-o" || name == "--output") {
+      target = &o->output;
+    } else if (name == "--library") {
+      target = &o->library;
+    }
     if (target) {
       if (!hasInline && i + 1 >= argc) return UsageError(name + " needs a value");
       *target = hasInline ? inlineValue : argv[++i];
@@ -194,6 +203,8 @@ int Translate(const Options& o) {
   std::u16string labelled;
   if (!session.Start(&error) || !session.Label(page, &labelled, &error))
     return Fail("labelling the page failed: " + error);
+  for (const std::string& warning : session.Warnings())
+    std::fprintf(stderr, "qztranslate: warning: %s: %s\n", o.page.c_str(), warning.c_str());
   std::string labelledBytes = EncodeUtf8(labelled);
   if (!o.labelled.empty() && !WriteWholeFile(o.labelled, labelledBytes, &error))
     return Fail("cannot write the labelled page " + error);
@@ -204,7 +215,10 @@ int Translate(const Options& o) {
     if (!RunServer(serverCommand, FolderOf(o.page), labelledBytes, &run, &error)) return Fail(error);
     if (!run.Succeeded()) return Fail(DescribeFailedServer(serverCommand, run));
     // A server that worked may still have warned; pass that on.
-    if (!run.errors.empty()) std::fwrite(run.errors.data(), 1, run.errors.size(), stderr);
+    if (run.errorBytes > run.errors.size())
+      std::fprintf(stderr, "qztranslate: the server's standard error, its first %zu bytes left out:\n",
+                   run.errorBytes - run.errors.size());
+    std::fwrite(run.errors.data(), 1, run.errors.size(), stderr);
     size_t at = 0;
     switch (DecodeUtf8(run.output, &output, &at)) {
       case Utf8Error::kNone:

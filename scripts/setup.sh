@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Prepares a fresh machine and builds the project into build/ (or $BUILD_DIR).
 #
+#   scripts/setup.sh              builds everything (library, command, tests)
+#   scripts/setup.sh TARGET...    builds only those targets, e.g. qztranslate
+#
 # Installs, through apt-get and only when missing: the build tools (cmake,
 # g++, GoogleTest, Google Benchmark) and the servers the translate command
 # drives in the demos and tests (php for php pages, erb from ruby for erb
@@ -14,6 +17,7 @@ BUILD_TYPE="${BUILD_TYPE:-RelWithDebInfo}"
 missing=()
 command -v cmake >/dev/null 2>&1 || missing+=(cmake)
 command -v g++ >/dev/null 2>&1 || missing+=(g++)
+command -v make >/dev/null 2>&1 || missing+=(make)
 [ -e /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
 [ -e /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
 command -v php >/dev/null 2>&1 || missing+=(php-cli)
@@ -37,5 +41,9 @@ fi
 
 jobs="$(nproc 2>/dev/null || echo 2)"
 cmake -S "$ROOT" -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE="$BUILD_TYPE" >/dev/null
-cmake --build "$BUILD_DIR" -j"$jobs"
+if [ $# -gt 0 ]; then
+  cmake --build "$BUILD_DIR" -j"$jobs" --target "$@"
+else
+  cmake --build "$BUILD_DIR" -j"$jobs"
+fi
 echo "setup: built into $BUILD_DIR" >&2

@@ -39,6 +39,10 @@ class Recorder : public ScanSink {
   bool Text(std::u16string_view text, int32_t offset) override {
     return Add("text " + std::to_string(offset) + " [" + EncodeUtf8(text) + "]");
   }
+  void Cut(Unfinished kind, int32_t offset) override {
+    static const char* const kNames[] = {"dir", "open", "close", "raw"};
+    Add(std::string("cut ") + kNames[static_cast<int>(kind)] + " " + std::to_string(offset));
+  }
 
  private:
   bool Add(std::string line) {
@@ -203,19 +207,20 @@ TEST(ScannerTest, ScriptAndStyleContentIsRawText) {
 
 TEST(ScannerTest, UnterminatedConstructsAtTheEnd) {
   // Directives run to the end of the page.
-  EXPECT_EQ(Scan(u"a<!-- b"), (Items{"text 0 [a]", "dir 1 [<!-- b]"}));
-  EXPECT_EQ(Scan(u"<?php echo 1;"), (Items{"dir 0 [<?php echo 1;]"}));
-  EXPECT_EQ(Scan(u"<%"), (Items{"dir 0 [<%]"}));
-  EXPECT_EQ(Scan(u"<!"), (Items{"dir 0 [<!]"}));
-  EXPECT_EQ(Scan(u"<%>"), (Items{"dir 0 [<%>]"}));
+  EXPECT_EQ(Scan(u"a<!-- b"), (Items{"text 0 [a]", "cut dir 1", "dir 1 [<!-- b]"}));
+  EXPECT_EQ(Scan(u"<?php echo 1;"), (Items{"cut dir 0", "dir 0 [<?php echo 1;]"}));
+  EXPECT_EQ(Scan(u"<%"), (Items{"cut dir 0", "dir 0 [<%]"}));
+  EXPECT_EQ(Scan(u"<!"), (Items{"cut dir 0", "dir 0 [<!]"}));
+  EXPECT_EQ(Scan(u"<%>"), (Items{"cut dir 0", "dir 0 [<%>]"}));
+  EXPECT_EQ(Scan(u"<!DOCTYPE <? ?>"), (Items{"cut dir 0", "dir 0 [<!DOCTYPE <? ?>]"}));
   // Tags without their ">" are text, from their "<" to the end.
-  EXPECT_EQ(Scan(u"x<p class=\"a>b"), (Items{"text 0 [x<p class=\"a>b]"}));
-  EXPECT_EQ(Scan(u"<p>y<p a=\"<% \">"), (Items{"open 0 [p]", "end 3 []", "text 3 [y<p a=\"<% \">]"}));
-  EXPECT_EQ(Scan(u"<b></b"), (Items{"open 0 [b]", "end 3 []", "text 3 [</b]"}));
-  EXPECT_EQ(Scan(u"<p a="), (Items{"text 0 [<p a=]"}));
+  EXPECT_EQ(Scan(u"x<p class=\"a>b"), (Items{"cut open 1", "text 0 [x<p class=\"a>b]"}));
+  EXPECT_EQ(Scan(u"<p>y<p a=\"<% \">"), (Items{"open 0 [p]", "end 3 []", "cut open 4", "text 3 [y<p a=\"<% \">]"}));
+  EXPECT_EQ(Scan(u"<b></b"), (Items{"open 0 [b]", "end 3 []", "cut close 3", "text 3 [</b]"}));
+  EXPECT_EQ(Scan(u"<p a="), (Items{"cut open 0", "text 0 [<p a=]"}));
   // Raw content without its whole close tag: the element is no element.
-  EXPECT_EQ(Scan(u"<i><script>a<b>"), (Items{"open 0 [i]", "end 3 []", "text 3 [<script>a<b>]"}));
-  EXPECT_EQ(Scan(u"<script>a</script"), (Items{"text 0 [<script>a</script]"}));
+  EXPECT_EQ(Scan(u"<i><script>a<b>"), (Items{"open 0 [i]", "end 3 []", "cut raw 3", "text 3 [<script>a<b>]"}));
+  EXPECT_EQ(Scan(u"<script>a</script"), (Items{"cut raw 0", "text 0 [<script>a</script]"}));
   EXPECT_EQ(Scan(u""), (Items{}));
 }
 

@@ -85,5 +85,6 @@ TEST(ServerTest, ErrorTailKeepsTheLastWholeLines) {
   // A huge standard error is kept as its tail only.
   ServerRun run = RunCommand("head -c 1000000 /dev/zero | tr '\\0' z >&2; echo END >&2", "");
   EXPECT_LE(run.errors.size(), kErrorTail);
+  EXPECT_EQ(run.errorBytes, 1000004u);
   EXPECT_EQ(run.errors.substr(run.errors.size() - 4), "END\n");
 }
