@@ -23,6 +23,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 
 #include "Assert.h"
 #include "Main.h"
@@ -46,18 +47,13 @@ struct TagIndex {
 // The index of the current merge; null outside one.
 TagIndex* gpTagIndex;
 
-const char16_t* FontOpen() { return char16_literal(u"<font hilitecolor=\"Dyn Up-to-Date Color\">"); }
-const char16_t* FontClose() { return char16_literal(u"</font>"); }
-const char16_t* TagAttribute() {
-  return char16_literal(u" qzTranslatedValue=\"hilitecolor=%22Dyn%20Up-to-Date%20Color%22\"");
-}
-const int32_t kFontOpenLength = 41;
-const int32_t kFontCloseLength = 7;
-const int32_t kTagAttributeLength = 63;
-static_assert(sizeof(u"<font hilitecolor=\"Dyn Up-to-Date Color\">") / sizeof(char16_t) == 42);
-static_assert(sizeof(u" qzTranslatedValue=\"hilitecolor=%22Dyn%20Up-to-Date%20Color%22\"") /
-                  sizeof(char16_t) ==
-              64);
+constexpr char16_t kFontOpen[] = u"<font hilitecolor=\"Dyn Up-to-Date Color\">";
+constexpr char16_t kFontClose[] = u"</font>";
+constexpr char16_t kTagAttribute[] = u" qzTranslatedValue=\"hilitecolor=%22Dyn%20Up-to-Date%20Color%22\"";
+constexpr int32_t kFontOpenLength = std::size(kFontOpen) - 1;
+constexpr int32_t kFontCloseLength = std::size(kFontClose) - 1;
+constexpr int32_t kTagAttributeLength = std::size(kTagAttribute) - 1;
+static_assert(kFontOpenLength == 41 && kFontCloseLength == 7 && kTagAttributeLength == 63);
 
 bool EndsName(char16_t u) { return u == 0 || u == u'>' || IsWhiteUnit(u); }
 
@@ -175,7 +171,7 @@ void MatchTags(TagIndex* index) {
 // Builds the index of the recorded tags over text; null when memory runs out.
 TagIndex* BuildTagIndex(const char16_t* text, int64_t nText) {
   int64_t n = gFromServerTagBeginArray.nSize < gFromServerTagEndArray.nSize ? gFromServerTagBeginArray.nSize
-                                                                             : gFromServerTagEndArray.nSize;
+                                                                            : gFromServerTagEndArray.nSize;
   if (n < 0 || !gFromServerTagBeginArray.pData || !gFromServerTagEndArray.pData) n = 0;
   // Offsets are 32-bit; a longer text cannot have been described by them.
   if (nText > INT32_MAX) return nullptr;
@@ -327,9 +323,9 @@ int EmitText(StringBuffer* buffer, const char16_t* text, int32_t length) {
   if (length <= 0) return 1;
   bool bWrap = false;
   for (int32_t i = 0; i < length && !bWrap; ++i) bWrap = !IsWhiteUnit(text[i]);
-  if (bWrap && !StringBufferAdd(buffer, FontOpen(), kFontOpenLength)) return 0;
+  if (bWrap && !StringBufferAdd(buffer, char16_literal(kFontOpen), kFontOpenLength)) return 0;
   if (!StringBufferAdd(buffer, text, length)) return 0;
-  if (bWrap && !StringBufferAdd(buffer, FontClose(), kFontCloseLength)) return 0;
+  if (bWrap && !StringBufferAdd(buffer, char16_literal(kFontClose), kFontCloseLength)) return 0;
   return 1;
 }
 
@@ -342,7 +338,7 @@ int EmitTag(StringBuffer* buffer, const char16_t* tag, int32_t length) {
   length -= nName;
   QZ_ASSERT(length > 0);
   if (!StringBufferAdd(buffer, tag, nName)) return 0;
-  if (!StringBufferAdd(buffer, TagAttribute(), kTagAttributeLength)) return 0;
+  if (!StringBufferAdd(buffer, char16_literal(kTagAttribute), kTagAttributeLength)) return 0;
   return StringBufferAdd(buffer, tag + nName, length);
 }
 
