@@ -68,18 +68,6 @@ TEST_F(Session, InitializeEmptiesAndKeepsStorageCleanupReleases) {
   EXPECT_EQ(host.Call("cleanup", {}).ok, 1) << "a second cleanup finds nothing to release";
 }
 
-TEST_F(Session, InitializeFailsCleanlyWhenMemoryRunsOut) {
-  for (long k = 1;; ++k) {
-    MemFailAt(k);
-    int ok = host.Call("initialize", {}).ok;
-    MemFailAt(0);
-    host.Call("cleanup", {});
-    ASSERT_EQ(MemOutstanding(), 0) << "allocation " << k;
-    if (ok) break;
-    ASSERT_LT(k, 20);
-  }
-}
-
 TEST_F(Session, CallbacksRefuseWrongArgumentCounts) {
   Post();
   auto r = host.Call("closeTagEnd", {host.Int(1), host.Int(2)});
