@@ -15,7 +15,9 @@
 //   (an attribute with no open tag, a close-tag end with no close tag) are
 //   ignored.
 // - Close-tag lookups go through a private index over the stack (below), so a
-//   page of tens of thousands of never-closed tags stays linear.
+//   page of tens of thousands of never-closed tags stays linear. The
+//   server-tag test by prefix goes through another (below), so a page that
+//   declares tens of thousands of taglib prefixes stays linear too.
 #include "Pre.h"
 
 #include <cstring>
@@ -78,14 +80,25 @@ bool BeginsWithFolded(const char16_t* text, const char16_t* prefix) {
   return true;
 }
 
-uint32_t FoldedHash(const char16_t* text) {
-  uint32_t h = 2166136261u;
-  for (; *text; ++text) h = (h ^ FoldUnit(*text)) * 16777619u;
+// FoldedHash in steps, so that the hashes of all beginnings of a name come
+// from one walk over it: start with kHashStart, add units with HashStep,
+// and finish each value with HashEnd.
+constexpr uint32_t kHashStart = 2166136261u;
+
+uint32_t HashStep(uint32_t h, char16_t unit) { return (h ^ FoldUnit(unit)) * 16777619u; }
+
+uint32_t HashEnd(uint32_t h) {
   // FNV leaves the low bits weak for short names; the table masks them.
   h ^= h >> 16;
   h *= 0x85ebca6bu;
   h ^= h >> 13;
   return h;
+}
+
+uint32_t FoldedHash(const char16_t* text) {
+  uint32_t h = kHashStart;
+  for (; *text; ++text) h = HashStep(h, *text);
+  return HashEnd(h);
 }
 
 // First index of needle (m units) in text (n units), exact units, or -1; an
@@ -304,6 +317,137 @@ int32_t FindOpenTag(const char16_t* name) {
 }
 
 // ---------------------------------------------------------------------------
+// Prefix index
+//
+// Answers the server-tag test (is some entry of gTagPrefixes a prefix of a
+// name, ignoring case) as StringArrayFind would, without walking the list: a
+// page may declare a taglib prefix in every directive, and a walk per tag
+// would cost the page's directives times its tags. Each distinct folded
+// prefix is kept once in a linear-probing table, and the distinct prefix
+// lengths in ascending order; a name is hashed in one walk from its start and
+// probed at each of those lengths that it reaches.
+//
+// The index covers the first nIndexed entries of gTagPrefixes and takes in
+// the entries appended since at the next lookup, so the appends need no hook.
+// PreInitialize and PreCleanup start it afresh. When it cannot grow it
+// releases its memory and the test falls back to StringArrayFind until the
+// next start.
+
+struct PrefixSlot {
+  int32_t iEntry;   // entry of gTagPrefixes, -1 for an empty slot
+  int32_t nLength;  // its length
+  uint32_t hash;    // FoldedHash of it
+};
+
+struct PrefixIndex {
+  PrefixSlot* pSlots;
+  int32_t nSlots;     // a power of two, or 0 before the first prefix
+  int32_t nPrefixes;  // slots in use; at most half of nSlots
+  int32_t* pLengths;  // distinct prefix lengths, ascending
+  int32_t nLengths;
+  int32_t nLengthCapacity;
+  int32_t nIndexed;   // entries of gTagPrefixes taken in
+  bool bValid;
+};
+
+PrefixIndex sPrefixes;
+
+void PrefixIndexRelease() {
+  MemFree(sPrefixes.pSlots);
+  MemFree(sPrefixes.pLengths);
+  sPrefixes = PrefixIndex{};
+}
+
+void PrefixIndexStart() {
+  PrefixIndexRelease();
+  sPrefixes.bValid = true;
+}
+
+// Slot holding the prefix of name's first nLength units, or the empty slot
+// where it would go.
+uint32_t PrefixProbe(const char16_t* name, int32_t nLength, uint32_t hash) {
+  uint32_t mask = static_cast<uint32_t>(sPrefixes.nSlots) - 1;
+  for (uint32_t s = hash & mask;; s = (s + 1) & mask) {
+    const PrefixSlot& slot = sPrefixes.pSlots[s];
+    if (slot.iEntry == -1) return s;
+    if (slot.hash == hash && slot.nLength == nLength &&
+        UnitsEqualFolded(gTagPrefixes.pData[slot.iEntry], name, static_cast<size_t>(nLength)))
+      return s;
+  }
+}
+
+bool PrefixGrowSlots() {
+  if (sPrefixes.nSlots >= kLargestIndexSize) return false;
+  int32_t nNew = sPrefixes.nSlots ? sPrefixes.nSlots * 2 : kFirstIndexSize;
+  PrefixSlot* pNew = static_cast<PrefixSlot*>(MemAlloc(static_cast<size_t>(nNew) * sizeof(PrefixSlot)));
+  if (!pNew) return false;
+  for (int32_t s = 0; s < nNew; ++s) pNew[s].iEntry = -1;
+  uint32_t mask = static_cast<uint32_t>(nNew) - 1;
+  for (int32_t s = 0; s < sPrefixes.nSlots; ++s) {
+    if (sPrefixes.pSlots[s].iEntry == -1) continue;
+    uint32_t t = sPrefixes.pSlots[s].hash & mask;
+    while (pNew[t].iEntry != -1) t = (t + 1) & mask;
+    pNew[t] = sPrefixes.pSlots[s];
+  }
+  MemFree(sPrefixes.pSlots);
+  sPrefixes.pSlots = pNew;
+  sPrefixes.nSlots = nNew;
+  return true;
+}
+
+// Puts nLength among the distinct lengths, keeping them ascending. Few
+// lengths occur (a declared prefix has at most 121 units), so the insertion
+// shifts little.
+bool PrefixAddLength(int32_t nLength) {
+  int32_t k = 0;
+  while (k < sPrefixes.nLengths && sPrefixes.pLengths[k] < nLength) ++k;
+  if (k < sPrefixes.nLengths && sPrefixes.pLengths[k] == nLength) return true;
+  if (sPrefixes.nLengths == sPrefixes.nLengthCapacity) {
+    if (sPrefixes.nLengthCapacity >= kLargestIndexSize) return false;
+    int32_t nNew = sPrefixes.nLengthCapacity ? sPrefixes.nLengthCapacity * 2 : 16;
+    void* pNew = MemRealloc(sPrefixes.pLengths, static_cast<size_t>(nNew) * sizeof(int32_t));
+    if (!pNew) return false;
+    sPrefixes.pLengths = static_cast<int32_t*>(pNew);
+    sPrefixes.nLengthCapacity = nNew;
+  }
+  std::memmove(sPrefixes.pLengths + k + 1, sPrefixes.pLengths + k,
+               static_cast<size_t>(sPrefixes.nLengths - k) * sizeof(int32_t));
+  sPrefixes.pLengths[k] = nLength;
+  ++sPrefixes.nLengths;
+  return true;
+}
+
+// Takes in entry iEntry of gTagPrefixes; a prefix already held (in any
+// letter case) is not held twice.
+bool PrefixIndexAdd(int32_t iEntry) {
+  const char16_t* prefix = gTagPrefixes.pData[iEntry];
+  size_t nLength = TextLength(prefix);
+  if (nLength > static_cast<size_t>(INT32_MAX)) return false;
+  if ((static_cast<int64_t>(sPrefixes.nPrefixes) + 1) * 2 > sPrefixes.nSlots && !PrefixGrowSlots()) return false;
+  uint32_t hash = FoldedHash(prefix);
+  uint32_t s = PrefixProbe(prefix, static_cast<int32_t>(nLength), hash);
+  if (sPrefixes.pSlots[s].iEntry != -1) return true;
+  if (!PrefixAddLength(static_cast<int32_t>(nLength))) return false;
+  sPrefixes.pSlots[s] = PrefixSlot{iEntry, static_cast<int32_t>(nLength), hash};
+  ++sPrefixes.nPrefixes;
+  return true;
+}
+
+// Brings the index up to gTagPrefixes; false when it cannot be used.
+bool PrefixIndexCatchUp() {
+  if (!sPrefixes.bValid) return false;
+  // Fewer entries than taken in: the list was made anew behind the index.
+  if (gTagPrefixes.nSize < sPrefixes.nIndexed) PrefixIndexStart();
+  for (; sPrefixes.nIndexed < gTagPrefixes.nSize; ++sPrefixes.nIndexed) {
+    if (!PrefixIndexAdd(sPrefixes.nIndexed)) {
+      PrefixIndexRelease();
+      return false;
+    }
+  }
+  return true;
+}
+
+// ---------------------------------------------------------------------------
 // The open-tag stack
 
 // Index of the top entry, -1 when the stack is empty (or its arrays are not
@@ -347,7 +491,23 @@ void PopOpenTags(int32_t n) {
   IntArrayPopN(&gOpenTagIsNonHtmlServerTag, n);
 }
 
-bool IsServerTagName(const char16_t* name) { return StringArrayFind(&gTagPrefixes, name) >= 0; }
+// Server-tag test by prefix: some entry of gTagPrefixes begins name,
+// ignoring case (an empty entry begins every name).
+bool IsServerTagName(const char16_t* name) {
+  if (!PrefixIndexCatchUp()) return StringArrayFind(&gTagPrefixes, name) >= 0;
+  uint32_t h = kHashStart;
+  int32_t nHashed = 0;
+  for (int32_t k = 0; k < sPrefixes.nLengths; ++k) {
+    int32_t nLength = sPrefixes.pLengths[k];
+    for (; nHashed < nLength; ++nHashed) {
+      if (name[nHashed] == 0) return false;  // shorter than every prefix left
+      h = HashStep(h, name[nHashed]);
+    }
+    uint32_t hash = HashEnd(h);
+    if (sPrefixes.pSlots[PrefixProbe(name, nLength, hash)].iEntry != -1) return true;
+  }
+  return false;
+}
 
 bool IsZboutput(const char16_t* name) { return SameFolded(name, char16_literal(u"zboutput")); }
 
@@ -481,6 +641,7 @@ int PreInitialize(void* cx, uint32_t argc, ScriptValue* argv) {
     return 0;
   sPendingTag = kNoTag;
   IndexRelease();
+  PrefixIndexRelease();
   if (!StringArrayCreate(&gTagPrefixes) || !StringArrayCreate(&gTagsContainingNonHtml) ||
       !StringArrayCreate(&gAttrsForServerTags) || !StringArrayCreate(&gAttrValuesForServerTags) ||
       !IntArrayCreate(&gAttrsDenoteNonHtmlTags) || !StringArrayCreate(&gOpenTags) ||
@@ -488,6 +649,7 @@ int PreInitialize(void* cx, uint32_t argc, ScriptValue* argv) {
       !IntArrayCreate(&gOpenTagIsNonHtmlServerTag))
     return 0;
   IndexStart();
+  PrefixIndexStart();
   if (argc != 4 && argc != 7) return 0;
   if (!CopyArgumentText(cx, argv[0], &gDirStartChars)) return 0;
   if (!CopyArgumentText(cx, argv[1], &gDirEndChars)) return 0;
@@ -553,6 +715,7 @@ int PreCleanup() {
   gInsideNonHtml = 0;
   gInsideZboutput = 0;
   IndexRelease();
+  PrefixIndexRelease();
   sPendingTag = kNoTag;
   return 1;
 }

@@ -446,4 +446,25 @@ TEST_F(PrePass, TensOfThousandsOfUnclosedTagsAndLongTextRunsStayFast) {
   EXPECT_EQ(gOffsetArray.nSize, 600000);
 }
 
+// Regression: the server-tag test walked every declared prefix for every tag,
+// so a page of many taglib directives and many tags took their product.
+TEST_F(PrePass, ManyTaglibPrefixesKeepTheServerTagTestFast) {
+  BeginWith({});
+  const int32_t n = 50000;
+  auto start = std::chrono::steady_clock::now();
+  for (int32_t i = 0; i < n; ++i) {
+    std::u16string directive = Wide("<%@ taglib prefix=\"p" + std::to_string(i) + "\" %>");
+    PreDirective(directive.c_str(), static_cast<int32_t>(directive.size()), 0);
+  }
+  for (int32_t i = 0; i < n; ++i) { PreOpenTagBegin(u"div", i); PreOpenTagEnd(i, u"/"); }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  // Case folded, the first and the last prefix, near misses, and "script"
+  // as a prefix like any other.
+  for (auto [name, bServer] : std::vector<std::pair<std::u16string, int32_t>>{
+           {u"P49999:x", 1}, {u"p0:", 1}, {u"p5", 0}, {u"p50000:a", 0}, {u"scriptlet", 1}, {u"q", 0}}) {
+    PreOpenTagBegin(name.c_str(), 0);
+    EXPECT_EQ(gOpenTagIsServerTag.pData[gOpenTags.nSize - 1], bServer) << std::string(name.begin(), name.end());
+  }
+}
+
 }  // namespace
