@@ -13,19 +13,6 @@ std::vector<int32_t> Items(const IntArray& a) { return std::vector<int32_t>(a.pD
 
 using Ints = std::vector<int32_t>;
 
-TEST(Entry, CopiesAtMostFortySixWholeSlots) {
-  std::vector<void*> table(60);
-  for (size_t i = 0; i < table.size(); ++i) table[i] = reinterpret_cast<void*>(0x1000 + i);
-  table[1] = nullptr;  // no define function: nothing gets registered
-  EXPECT_EQ(QZ_InitWrapper(table.data(), 60 * sizeof(void*)), 0);
-  EXPECT_EQ(qzEnv[45], reinterpret_cast<void*>(0x1000 + 45));
-
-  QZ_InitWrapper(table.data(), 3 * sizeof(void*) + 4);
-  EXPECT_EQ(qzEnv[2], reinterpret_cast<void*>(0x1002));
-  EXPECT_EQ(qzEnv[3], nullptr) << "a part-slot is not copied";
-  EXPECT_EQ(qzEnv[45], nullptr);
-}
-
 class Session : public LibraryTest {
  protected:
   // Calls a scanner callback and expects it to succeed with true.
