@@ -539,13 +539,15 @@ struct MergeLockContext {
   const char16_t* valueAttr;  // the translated-value attribute of blank server open tags
   int64_t nValueAttr;
   bool bLockEmptyPrefixedTags;
-  bool bHiliteIndex;  // the highlight tag index of this merge is built
+  bool bLockFormatUsable;  // lockBeginFormat passes MergeLockFormatIsUsable
+  bool bHiliteIndex;       // the highlight tag index of this merge is built
   StringBuffer* locked;
 };
 
 // True when the script's lock format takes at most one text and nothing
 // else: "%s" or "%ls", and "%%". Any other conversion would read an argument
-// that is not there.
+// that is not there, so a lock made with such a format fails the merge; a
+// page that needs no lock never reads the format and merges all the same.
 bool MergeLockFormatIsUsable(const char16_t* format) {
   int nTexts = 0;
   for (size_t i = 0; format[i] != 0; ++i) {
@@ -639,6 +641,7 @@ bool MergeIsUncolouredTag(const char16_t* origText, int64_t o, int64_t end) {
 
 // The lock opening: the script's format filled with the URL-encoded code.
 bool MergeAppendLockOpening(MergeLockContext* ctx, int64_t o, int64_t nCode) {
+  if (!ctx->bLockFormatUsable) return false;
   char16_t* code = EncodeURL(ctx->origText + o, static_cast<int32_t>(nCode));
   if (!code) return false;
   const int64_t nOpening = ctx->nLockBeginFormat + static_cast<int64_t>(TextLength(code)) + 1;
@@ -681,8 +684,9 @@ bool MergeAppendLock(MergeLockContext* ctx, int32_t label, int32_t closing, int3
 
 // Appends one piece: the labelled stretch (label, closing) of the page, whose
 // server output is [s, e) of the label-free text. Fails when an append runs
-// out of memory, or when the stretch's label places do not lie in order
-// inside the page text (a page other than the one that was scanned).
+// out of memory, when the piece needs a lock and the lock format is not
+// usable, or when the stretch's label places do not lie in order inside the
+// page text (a page other than the one that was scanned).
 bool MergeAppendPiece(MergeLockContext* ctx, int32_t label, int32_t closing, int64_t s, int64_t e) {
   const int64_t o = gOffsetArray.pData[label];
   const int64_t end = gOffsetArray.pData[closing];
@@ -786,7 +790,6 @@ bool AddLocks(const char16_t* origText, const char16_t* labelFree, int64_t nLabe
               const char16_t* lockEndText, const char16_t* translatedValue, bool bLockEmptyPrefixedTags,
               StringBuffer* locked) {
   *locked = StringBuffer{};
-  if (!MergeLockFormatIsUsable(lockBeginFormat)) return false;
   MergeLockContext ctx{};
   ctx.origText = origText;
   ctx.nOrig = static_cast<int64_t>(TextLength(origText));
@@ -794,6 +797,7 @@ bool AddLocks(const char16_t* origText, const char16_t* labelFree, int64_t nLabe
   ctx.nLabelFree = nLabelFree;
   ctx.lockBeginFormat = lockBeginFormat;
   ctx.nLockBeginFormat = static_cast<int64_t>(TextLength(lockBeginFormat));
+  ctx.bLockFormatUsable = MergeLockFormatIsUsable(lockBeginFormat);
   ctx.lockEndText = lockEndText;
   ctx.nLockEndText = static_cast<int64_t>(TextLength(lockEndText));
   ctx.bLockEmptyPrefixedTags = bLockEmptyPrefixedTags;

@@ -301,6 +301,7 @@ TEST_F(Merge, InputNothingShouldStopTheProcessOn) {
             Lock(u"<%= open %>", u"<b" + kHilite + u">" + Font(u"x")) + u"</b>");
   lockBegin_ = u"<l c=\"%s\" n=\"%d\">";
   EXPECT_EQ(Translate(u"<%a%>", {{u"<%a%>", u"A"}}), kFailed) << "a lock format that asks for more than one text";
+  EXPECT_EQ(Translate(u"<p><%a%></p>"), u"<p><%a%></p>") << "a page that needs no lock merges whatever the lock format";
 }
 
 TEST_F(Merge, ArgumentsAndHostOperations) {
