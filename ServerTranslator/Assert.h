@@ -1,7 +1,7 @@
-// The library's one assertion. It guards only call-contract conditions that
-// the design names; anything ordinary input can produce is handled instead.
-// Active in every build type: it reports the routine, the source file and the
-// condition text on standard error, then stops the process.
+// The library's one assertion. It guards only the call-contract conditions
+// named where it is used; anything ordinary input can produce is handled
+// instead. Active in every build type: it reports the routine, the source
+// file and the condition text on standard error, then stops the process.
 #ifndef QZ_ASSERT_H
 #define QZ_ASSERT_H
 
