@@ -55,10 +55,10 @@ class Hilite : public LibraryTest {
   int result_ = -1;
 };
 
-TEST_F(Hilite, TextRunsAndTheWorkedExample) {
-  std::u16string marked = ColourAll(u"Hello <b>world</b>!");
-  EXPECT_EQ(marked, Font(u"Hello ") + u"<b" + kAttr + u">world</b>" + Font(u"!"));
-  EXPECT_EQ(marked.size(), 178u);
+// The worked example "Hello <b>world</b>!" goes through the natives in
+// MergeTest.WorkedExamplesOfColourAndAttributes.
+TEST_F(Hilite, TextRuns) {
+  Record(u"ab");
   EXPECT_EQ(Colour(1, 0), u"") << "empty piece";
   EXPECT_EQ(result_, 1);
   EXPECT_EQ(ColourAll(u" \t\r\n "), u" \t\r\n ") << "white space only is appended bare";

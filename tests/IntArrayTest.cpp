@@ -1,5 +1,6 @@
 // Integer arrays: growth sizes, what a failed growth leaves, stack removal
-// and merge selection, and the two contract assertions.
+// and the two contract assertions. Merge selection is pinned by the label
+// insertion and the merge, which fail on any wrong pick.
 #include <gtest/gtest.h>
 
 #include <tuple>
@@ -71,21 +72,6 @@ TEST_F(IntArrayTest, PopAndPopN) {
   EXPECT_EQ(IntArrayPopN(a, 2), 8) << "the earliest removed";
   EXPECT_EQ(IntArrayPopN(a, 2), -1) << "more than there are: all removed";
   EXPECT_EQ(a->nSize, 0);
-}
-
-TEST_F(IntArrayTest, MergeSelectionTakesTheSmallestHead) {
-  IntArray *a = Fill(0, {3, 10}), *b = Fill(1, {3, -5}), *two = Fill(2, {2}), *empty = Fill(3, {});
-  EXPECT_EQ(IntArrayGetNext(a, 0, b, 0), b) << "3 and 3: the second";
-  EXPECT_EQ(IntArrayGetNext(a, 1, b, 1), b) << "signed: -5 before 10";
-  EXPECT_EQ(IntArrayGetNext(two, 0, a, 0), two) << "2 and 3";
-  EXPECT_EQ(IntArrayGetNext(a, 2, b, 0), b) << "first exhausted";
-  EXPECT_EQ(IntArrayGetNext(a, 0, empty, 0), a) << "second empty";
-
-  IntArray *p = Fill(4, {5}), *q = Fill(5, {5, 6}), *r = Fill(6, {5, 7}), *s = Fill(7, {5, 4});
-  EXPECT_EQ(IntArrayGetNext4(p, 0, empty, 0, q, 0, s, 1), s) << "5, none, 5, 4";
-  EXPECT_EQ(IntArrayGetNext4(p, 0, q, 1, r, 1, empty, 0), p) << "5, 6, 7, none";
-  EXPECT_EQ(IntArrayGetNext4(p, 0, q, 0, r, 0, s, 0), s) << "5, 5, 5, 5: the last";
-  EXPECT_EQ(IntArrayGetNext4(p, 1, q, 2, r, 2, s, 1), s) << "only the last left";
 }
 
 TEST(IntArrayDeathTest, MergeWithNothingLeftStops) {

@@ -79,22 +79,4 @@ TEST_F(LoadedLibrary, StubsAnswerAsHooks) {
   finalize(nullptr, nullptr);
 }
 
-TEST_F(LoadedLibrary, TextServicesThroughTheirNatives) {
-  qzhost::Engine engine;
-  auto table = engine.Table();
-  init_(table.data(), static_cast<uint32_t>(table.size() * sizeof(void*)));
-
-  qzhost::Value text = engine.Str(u"x\ny\nz");
-  auto r = engine.Call("setLineEndingsToMatch", {engine.Str(u"a\r\nb"), text});
-  ASSERT_EQ(r.ok, 1);
-  EXPECT_EQ(engine.ToText(r.result), u"x\r\ny\r\nz");
-  r = engine.Call("setLineEndingsToMatch", {engine.Str(u"a\nb"), text});
-  EXPECT_EQ(r.result, text) << "nothing to change: the script's own value comes back";
-
-  r = engine.Call("replaceTextInsideTag",
-                  {engine.Str(u"<b>x</b> x"), engine.Str(u"b"), engine.Str(u"x"), engine.Str(u"y")});
-  ASSERT_EQ(r.ok, 1);
-  EXPECT_EQ(engine.ToText(r.result), u"<b>y</b> x");
-}
-
 }  // namespace

@@ -70,6 +70,12 @@ class PrePass : public LibraryTest {
       }
     }
   }
+  // Places of one directive or text event on its own.
+  Places Recorded(const char* event, const std::u16string& text, int offset) {
+    gOffsetArray.nSize = gOffsetTypeArray.nSize = 0;
+    Call(event, {host.Str(text), host.Int(offset)});
+    return LabelPlaces();
+  }
   // Places of a page scanned on its own.
   Places PlacesOf(const std::u16string& page) {
     gOffsetArray.nSize = gOffsetTypeArray.nSize = 0;
@@ -231,11 +237,7 @@ TEST_F(PrePass, TaglibDeclarationsInEverySpelling) {
 }
 
 TEST_F(PrePass, ConfiguredDirectivesAndIncludes) {
-  auto recorded = [&](const std::u16string& text) {
-    gOffsetArray.nSize = gOffsetTypeArray.nSize = 0;
-    Call("directive", {host.Str(text), host.Int(40)});
-    return LabelPlaces();
-  };
+  auto recorded = [&](const std::u16string& text) { return Recorded("directive", text, 40); };
   ASSERT_EQ(Begin({host.Str(u"<?"), host.Str(u"?>"), qzhost::kNull, qzhost::kNull}), 1);
   EXPECT_EQ(recorded(u"<? a ?>"), (Places{{40, 5}, {47, 6}}));
   EXPECT_EQ(recorded(u"?> x <?"), (Places{{40, 5}, {47, 6}})) << "end characters first";
@@ -271,11 +273,7 @@ TEST_F(PrePass, ConfiguredDirectivesAndIncludes) {
 TEST_F(PrePass, ExpressionsInZboutputBlocks) {
   BeginWith({u"zb"});
   Scan(u"<zboutput>");
-  auto recorded = [&](const std::u16string& text, int offset) {
-    gOffsetArray.nSize = gOffsetTypeArray.nSize = 0;
-    Call("text", {host.Str(text), host.Int(offset)});
-    return LabelPlaces();
-  };
+  auto recorded = [&](const std::u16string& text, int offset) { return Recorded("text", text, offset); };
   EXPECT_EQ(recorded(u"a #x# b", 100), (Places{{102, 3}, {105, 6}}));
   EXPECT_EQ(recorded(u"#a# #b", 0), (Places{{0, 5}, {6, 6}})) << "a later unpaired # drops the pairs";
   EXPECT_EQ(recorded(u"#b", 0), Places{}) << "an unpaired # at index 0";

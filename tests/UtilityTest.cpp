@@ -98,15 +98,6 @@ TEST_F(UtilityTest, SwprintfTakesPercentSAsText) {
   EXPECT_EQ(buffer[4], 0x7777);
 }
 
-TEST_F(UtilityTest, FindHashPairCases) {
-  EXPECT_EQ(Find(u"a #x# b"), Pair(1, 2, 4));
-  EXPECT_EQ(Find(u"#a'('#"), Pair(1, 0, 5)) << "a quoted ( does not count";
-  EXPECT_EQ(Find(u"#a\"(#\""), Pair(1, 0, 4)) << "a quoted # still closes";
-  EXPECT_EQ(Find(u"#('#')#"), Pair(0, 0, -1)) << "the outer # stays unpaired";
-  EXPECT_EQ(Find(u"x #a(# y"), Pair(0, 2, -1)) << "start is the outer #, not the nested one";
-  EXPECT_EQ(Find(u"#a# #b", 3), Pair(0, 4, -1)) << "searching again after a pair";
-}
-
 TEST_F(UtilityTest, FindHashPairAgreesWithTheRecursiveDefinition) {
   auto agrees = [](const std::u16string& text) {
     for (int64_t from = 0; from <= static_cast<int64_t>(text.size()); ++from)
