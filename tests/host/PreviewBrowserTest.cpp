@@ -30,9 +30,10 @@ namespace {
 // The highlight colour the preview gives server-produced text.
 constexpr unsigned char kHighlight[] = {255, 221, 0};
 
+// QZ_CHROMIUM when set, else chromium on PATH; empty when not executable.
 std::string FindChromium() {
   const char* chosen = std::getenv("QZ_CHROMIUM");
-  if (chosen && *chosen) return chosen;
+  if (chosen && *chosen) return access(chosen, X_OK) == 0 ? chosen : "";
   std::istringstream path(std::getenv("PATH") ? std::getenv("PATH") : "");
   for (std::string folder; std::getline(path, folder, ':');) {
     std::string candidate = folder + "/chromium";
@@ -89,6 +90,8 @@ class PreviewBrowserTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_NE(mkdtemp(folder), nullptr);
     chromium = FindChromium();
+    ASSERT_FALSE(chromium.empty()) << "chromium was not found (on PATH or in QZ_CHROMIUM); the browser tests "
+                                      "need Debian's chromium package, which scripts/setup.sh installs";
   }
   void TearDown() override { std::filesystem::remove_all(folder); }
 
@@ -116,8 +119,6 @@ class PreviewBrowserTest : public ::testing::Test {
   // Opens the preview, with the harness appended, in headless chromium;
   // leaves the harness's report in report and the screenshot in shot.
   void Open(const std::string& previewName) {
-    ASSERT_FALSE(chromium.empty()) << "chromium was not found (on PATH or in QZ_CHROMIUM); the browser tests "
-                                      "need Debian's chromium package, which scripts/setup.sh installs";
     std::string preview = Read(Path(previewName));
     size_t nonceAt = preview.find("<script nonce=\"");
     size_t end = preview.rfind("</body>");
@@ -218,8 +219,8 @@ class PreviewBrowserTest : public ::testing::Test {
 
   void CheckExample(const std::string& page, const std::string& serverArgs) {
     std::string path = std::string(QZ_EXAMPLES_DIR) + "/" + page;
-    Translate(serverArgs + " --preview " + page + ".html -o merged.html " + Quoted(path));
-    Open(page + ".html");
+    ASSERT_NO_FATAL_FAILURE(Translate(serverArgs + " --preview " + page + ".html -o merged.html " + Quoted(path)));
+    ASSERT_NO_FATAL_FAILURE(Open(page + ".html"));
     EXPECT_EQ(report["title"], "Preview of " + page);
     ExpectLocksTiedToTheirCode(Read(path), Read(Path("merged.html")));
     ExpectSearchFilters();
@@ -261,14 +262,14 @@ TEST_F(PreviewBrowserTest, ServerOutputRunsNoScriptAndLoadsNothing) {
   Write("red.html", "<body style=\"background: rgb(255, 0, 0)\"><title>pwned</title></body>\n");
 
   // The answer a server would give: the labelled page with the code run.
-  Translate("--labelled labelled.aspx page.aspx");
+  ASSERT_NO_FATAL_FAILURE(Translate("--labelled labelled.aspx page.aspx"));
   std::string answer = Read(Path("labelled.aspx"));
   answer.replace(answer.find("<%= Evil %>"), 11, hostile);
   answer.replace(answer.find("<%= Name %>"), 11, "Ada");
   answer.replace(answer.find(breakout), breakout.size(), "harmless");
   Write("answer.html", answer);
-  Translate("--server-output answer.html --preview page.html -o merged.html page.aspx");
-  Open("page.html");
+  ASSERT_NO_FATAL_FAILURE(Translate("--server-output answer.html --preview page.html -o merged.html page.aspx"));
+  ASSERT_NO_FATAL_FAILURE(Open("page.html"));
 
   EXPECT_EQ(report["title"], std::string("Preview of page.aspx"));
   EXPECT_EQ(report["frameTitle"], std::string("calm"));
