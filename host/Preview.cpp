@@ -305,12 +305,12 @@ std::string RenderPreview(const PreviewInput& input) {
           Html(input.mergedPage) +
           "\"></iframe>\n<aside class=\"qz-panel\">\n<input id=\"qz-search\" type=\"search\" "
           "placeholder=\"Filter by code, number or line\" aria-label=\"Filter the panel\">\n"
-          "<h2>Server code <span class=\"qz-count\">" +
+          "<div class=\"qz-panel-list\">\n<h2>Server code <span class=\"qz-count\">" +
           std::to_string(input.pieces.size()) + "</span></h2>\n<ol id=\"qz-entries\">\n";
   for (size_t i = 0; i < layout.entries.size(); ++i) AppendEntry(input, layout.entries[i], i, &html);
   html += "</ol>\n";
   AppendWarnings(input, &html);
-  html += "</aside>\n</main>\n<template id=\"qz-frame-style\"><style>\n";
+  html += "</div>\n</aside>\n</main>\n<template id=\"qz-frame-style\"><style>\n";
   html += kPreviewFrameCss;
   html += "</style></template>\n";
   AppendLockData(layout, &html);
