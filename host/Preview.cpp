@@ -214,9 +214,9 @@ std::string MakeNonce() {
 }
 
 // What the entry's badge and number say: the piece's number, that number and
-// "+" for output that follows it, "?" for code that is no piece's.
+// "+" for output that follows it, a dash for code that is no piece's.
 std::string EntryLabel(const PreviewInput& input, const PreviewEntry& entry) {
-  if (entry.kind == PreviewEntry::kUnknown) return "?";
+  if (entry.kind == PreviewEntry::kUnknown) return "\u2013";
   std::string number = entry.piece >= 0 ? std::to_string(input.pieces[static_cast<size_t>(entry.piece)].number) : "";
   return entry.kind == PreviewEntry::kRepeat ? number + "+" : number;
 }
@@ -226,7 +226,7 @@ std::string EntryState(const PreviewInput& input, const PreviewEntry& entry) {
     case PreviewEntry::kRepeat:
       return "output without code: later passes of a loop, or lost labels";
     case PreviewEntry::kUnknown:
-      return "a lock whose code is not in the page";
+      return "no piece of server code: page content the server left out";
     case PreviewEntry::kPiece:
       break;
   }
@@ -235,9 +235,7 @@ std::string EntryState(const PreviewInput& input, const PreviewEntry& entry) {
 
 void AppendEntry(const PreviewInput& input, const PreviewEntry& entry, size_t index, std::string* html) {
   static const char* const kKinds[] = {"piece", "repeat", "unknown"};
-  int line = entry.kind != PreviewEntry::kUnknown && entry.piece >= 0
-                 ? input.pieces[static_cast<size_t>(entry.piece)].line
-                 : 0;
+  int line = entry.piece >= 0 ? input.pieces[static_cast<size_t>(entry.piece)].line : 0;
   std::string label = EntryLabel(input, entry);
   *html += "<li class=\"qz-entry qz-" + std::string(kKinds[entry.kind]) + "\" tabindex=\"0\" data-entry=\"" +
            std::to_string(index) + "\" data-label=\"" + Html(label) + "\" data-line=\"" + std::to_string(line) +

@@ -41,7 +41,8 @@ struct PreviewInput {
 // code is not empty goes to the first piece after the last one matched whose
 // code (line ends made LF) is the lock's decoded code; failing that, to the
 // nearest such piece at or before it, as when output comes back; failing
-// that, to an entry of its own ("code not in the page"). A lock with an empty code
+// that, to an entry of its own: the library also locks page content that the
+// server left out (the false branch of an if), with that content as code. A lock with an empty code
 // holds the later passes of a loop, or output whose labels were lost: it gets
 // an entry of its own, placed after the piece of the last lock matched before
 // it and carrying that piece's number and line.

@@ -3,7 +3,8 @@
 // drawn, and its clicks handled, from here. Nothing taken from the page is
 // ever turned into markup: texts go in through textContent and attributes.
 //
-// Once everything is drawn the root element gets data-qz-ready.
+// Once everything is drawn the root element gets data-qz-ready, which holds
+// how many milliseconds the drawing took.
 'use strict';
 (function () {
   const frame = document.getElementById('qz-page');
@@ -13,6 +14,7 @@
   const status = document.getElementById('qz-status');
 
   let doc = null;            // the frame's document, once loaded
+  let places = null;         // the style sheet in the frame that places badges and frames
   const drawn = new Map();   // listed lock index -> { element, badge }
   const unlisted = [];       // { element, badge } for lock elements the list does not hold
   const indexOf = new WeakMap();  // lock element or badge -> listed lock index (-1: unlisted)
@@ -21,37 +23,44 @@
   // the first listed lock with its code that no element took yet. Order alone
   // would not do: the browser moves some elements (a lock inside a table goes
   // before it) and keeps others as plain text (inside a title or textarea).
+  // Then makes each lock its badge, and its frame when it holds blocks. The
+  // page is only read until every lock is paired and measured: a change in
+  // between would make the browser restyle the page for every lock.
   function pairLocks() {
     const byCode = new Map();
     listed.forEach((lock, i) => {
-      if (!byCode.has(lock.code)) byCode.set(lock.code, []);
-      byCode.get(lock.code).push(i);
+      if (!byCode.has(lock.code)) byCode.set(lock.code, { next: 0, locks: [] });
+      byCode.get(lock.code).locks.push(i);
     });
-    for (const element of Array.from(doc.getElementsByTagName('qz:lock'))) {
+    const found = Array.from(doc.getElementsByTagName('qz:lock'), (element) => {
       const waiting = byCode.get(element.getAttribute('code') || '');
-      const i = waiting && waiting.length ? waiting.shift() : -1;
+      const i = waiting && waiting.next < waiting.locks.length ? waiting.locks[waiting.next++] : -1;
+      return { element, i, framed: holdsBlocks(element) };
+    });
+    const overlay = doc.createDocumentFragment();
+    found.forEach(({ element, i, framed }, k) => {
       const badge = doc.createElement('qz-badge');
+      badge.id = 'qz-badge-' + k;
+      const lock = { element, badge, frame: framed ? doc.createElement('qz-frame') : null };
+      if (lock.frame) lock.frame.id = 'qz-frame-' + k;
       indexOf.set(element, i);
       indexOf.set(badge, i);
       if (i < 0) {
-        badge.textContent = '?';
+        badge.textContent = '!';
         badge.title = 'A lock the preview did not find in the merged page';
         badge.setAttribute('data-qz-unlisted', '');
-        unlisted.push({ element, badge });
+        unlisted.push(lock);
       } else {
         const entry = entries[listed[i].entry];
         badge.textContent = entry.dataset.label;
         badge.title = 'Lock ' + (i + 1) + ': server code ' + entry.dataset.label;
         element.setAttribute('data-qz-lock', String(i));
-        drawn.set(i, { element, badge });
+        drawn.set(i, lock);
       }
-      const lock = i < 0 ? unlisted[unlisted.length - 1] : drawn.get(i);
-      if (holdsBlocks(element)) {
-        lock.frame = doc.createElement('qz-frame');
-        doc.documentElement.appendChild(lock.frame);
-      }
-      doc.documentElement.appendChild(badge);
-    }
+      if (lock.frame) overlay.appendChild(lock.frame);
+      overlay.appendChild(badge);
+    });
+    doc.documentElement.appendChild(overlay);
   }
 
   // Whether the lock holds a box of its own (a paragraph, a list item): an
@@ -73,44 +82,54 @@
     return rects.length ? rects[0] : null;
   }
 
-  function setBox(node, x, y, width, height) {
-    node.style.setProperty('left', x + 'px', 'important');
-    node.style.setProperty('top', y + 'px', 'important');
-    if (width === undefined) return;
-    node.style.setProperty('width', width + 'px', 'important');
-    node.style.setProperty('height', height + 'px', 'important');
+  // A rule that puts the node with that id at x, y (and gives it a size).
+  function placeRule(id, x, y, width, height) {
+    const size = width === undefined ? '' : 'width:' + width + 'px!important;height:' + height + 'px!important;';
+    return '#' + id + '{left:' + x + 'px!important;top:' + y + 'px!important;' + size + '}';
   }
 
   // Puts each badge just above the top left corner of its lock, or inside
   // the top right corner of a framed lock, where blocks rarely have text;
-  // moved right while it would cover a badge placed before it.
+  // moved right while it would cover one of the badges placed just before.
+  // All sizes are read before anything moves, and the places go into one
+  // style sheet: moving the badges one by one would make the browser lay the
+  // page out again for every lock.
   function placeBadges() {
     const win = doc.defaultView;
-    const placed = [];
-    for (const lock of [...drawn.values(), ...unlisted]) {
+    const locks = [...drawn.values(), ...unlisted];
+    for (const lock of locks) lock.badge.hidden = false;
+    const spots = locks.map((lock) => {
       const rect = firstRect(lock.element.getClientRects());
-      lock.badge.hidden = !rect;
-      if (lock.frame) lock.frame.hidden = !rect;
-      if (!rect) continue;
-      const width = lock.badge.offsetWidth, height = lock.badge.offsetHeight;
+      if (!rect) return null;
+      const all = lock.frame ? lock.element.getBoundingClientRect() : null;
+      return { rect, all, width: lock.badge.offsetWidth, height: lock.badge.offsetHeight };
+    });
+    const placed = [], rules = [];
+    locks.forEach((lock, k) => {
+      const spot = spots[k];
+      lock.badge.hidden = !spot;
+      if (lock.frame) lock.frame.hidden = !spot;
+      if (!spot) return;
+      const { rect, all, width, height } = spot;
       let x = rect.left + win.scrollX - 2;
       let y = rect.top + win.scrollY - height - 1;
-      if (lock.frame) {
-        const all = lock.element.getBoundingClientRect();
-        setBox(lock.frame, all.left + win.scrollX - 2, all.top + win.scrollY - 2, all.width + 4, all.height + 4);
+      if (all) {
+        rules.push(placeRule(lock.frame.id, all.left + win.scrollX - 2, all.top + win.scrollY - 2, all.width + 4, all.height + 4));
         x = all.right + win.scrollX - width - 2;
         y = all.top + win.scrollY;
       }
       x = Math.max(0, x);
       y = Math.max(0, y);
-      for (let tries = 0; tries < 50; ++tries) {
-        const hit = placed.find((p) => x < p.x + p.width + 2 && p.x < x + width + 2 && Math.abs(p.y - y) < height);
+      const near = placed.slice(-40);
+      for (let tries = 0; tries < 40; ++tries) {
+        const hit = near.find((p) => x < p.x + p.width + 2 && p.x < x + width + 2 && Math.abs(p.y - y) < height);
         if (!hit) break;
         x = hit.x + hit.width + 3;
       }
       placed.push({ x, y, width });
-      setBox(lock.badge, x, y);
-    }
+      rules.push(placeRule(lock.badge.id, x, y));
+    });
+    places.textContent = rules.join('\n');
   }
 
   function markChips() {
@@ -186,9 +205,12 @@
   }
 
   function start() {
+    const began = performance.now();
     doc = frame.contentDocument;
     const style = doc.importNode(document.getElementById('qz-frame-style').content, true);
     (doc.head || doc.documentElement).appendChild(style);
+    places = doc.createElement('style');
+    doc.documentElement.appendChild(places);
     pairLocks();
     placeBadges();
     markChips();
@@ -199,7 +221,7 @@
     search.addEventListener('input', filter);
     const shown = [...drawn.values()].filter((lock) => !lock.badge.hidden).length;
     status.textContent += ', ' + shown + ' drawn in the page';
-    document.documentElement.setAttribute('data-qz-ready', '');
+    document.documentElement.setAttribute('data-qz-ready', String(Math.round(performance.now() - began)));
   }
 
   const loaded = frame.contentDocument;
