@@ -103,54 +103,68 @@ std::string DecodeLockCode(std::string_view encoded) {
   return out;
 }
 
-PreviewLayout LayOutPreview(const PreviewInput& input) {
-  const size_t nPieces = input.pieces.size();
-  std::vector<std::string> codes = FindLockCodes(input.mergedPage);
-  PreviewLayout layout;
-  layout.locks.resize(codes.size());
+namespace {
 
-  // First the piece each lock belongs to, or follows; then the entries in
-  // panel order, each lock-only entry right after the piece it follows.
-  std::vector<int> pieceOf(codes.size(), -1);
-  std::vector<std::vector<int>> lockOnlyAfter(nPieces + 1);  // [p + 1]: locks after piece p
-  PieceFinder finder(input.pieces);
+// For each lock, the piece it came from, or -1; for each lock without one,
+// its place among the lock-only entries: lockOnlyAfter[p + 1] lists, in
+// order, those that follow piece p.
+struct LockOwners {
+  std::vector<int> piece;
+  std::vector<std::vector<int>> lockOnlyAfter;
+};
+
+LockOwners FindOwners(const std::vector<PreviewPiece>& pieces, const std::vector<std::string>& codes) {
+  LockOwners owners{std::vector<int>(codes.size(), -1), std::vector<std::vector<int>>(pieces.size() + 1)};
+  PieceFinder finder(pieces);
   int lastPiece = -1;
   for (size_t i = 0; i < codes.size(); ++i) {
-    layout.locks[i].encodedCode = codes[i];
     int piece = codes[i].empty() ? -1 : finder.Find(DecodeLockCode(codes[i]));
     if (piece < 0) {
-      lockOnlyAfter[static_cast<size_t>(lastPiece + 1)].push_back(static_cast<int>(i));
+      owners.lockOnlyAfter[static_cast<size_t>(lastPiece + 1)].push_back(static_cast<int>(i));
       continue;
     }
-    pieceOf[i] = piece;
+    owners.piece[i] = piece;
     lastPiece = piece;
   }
+  return owners;
+}
 
-  std::vector<int> entryOfPiece(nPieces);
-  auto addLockOnly = [&](int after) {
-    for (int lock : lockOnlyAfter[static_cast<size_t>(after + 1)]) {
-      const std::string& code = codes[static_cast<size_t>(lock)];
-      PreviewEntry entry;
-      entry.kind = code.empty() ? PreviewEntry::kRepeat : PreviewEntry::kUnknown;
-      entry.piece = after;
-      entry.code = DecodeLockCode(code);
-      entry.locks.push_back(lock);
-      layout.locks[static_cast<size_t>(lock)].entry = static_cast<int>(layout.entries.size());
-      layout.entries.push_back(std::move(entry));
-    }
-  };
-  addLockOnly(-1);
-  for (size_t p = 0; p < nPieces; ++p) {
+// Adds one entry for each lock that follows piece `after` (-1: none) without
+// being one of the pieces.
+void AddLockOnlyEntries(const LockOwners& owners, int after, PreviewLayout* layout) {
+  for (int lock : owners.lockOnlyAfter[static_cast<size_t>(after + 1)]) {
+    PreviewLock& placed = layout->locks[static_cast<size_t>(lock)];
+    PreviewEntry entry;
+    entry.kind = placed.encodedCode.empty() ? PreviewEntry::kRepeat : PreviewEntry::kUnknown;
+    entry.piece = after;
+    entry.code = DecodeLockCode(placed.encodedCode);
+    entry.locks.push_back(lock);
+    placed.entry = static_cast<int>(layout->entries.size());
+    layout->entries.push_back(std::move(entry));
+  }
+}
+
+}  // namespace
+
+PreviewLayout LayOutPreview(const PreviewInput& input) {
+  std::vector<std::string> codes = FindLockCodes(input.mergedPage);
+  LockOwners owners = FindOwners(input.pieces, codes);
+  PreviewLayout layout;
+  for (std::string& code : codes) layout.locks.push_back({std::move(code), -1});
+
+  std::vector<int> entryOfPiece(input.pieces.size());
+  AddLockOnlyEntries(owners, -1, &layout);
+  for (size_t p = 0; p < input.pieces.size(); ++p) {
     entryOfPiece[p] = static_cast<int>(layout.entries.size());
     PreviewEntry entry;
     entry.piece = static_cast<int>(p);
     entry.code = input.pieces[p].code;
     layout.entries.push_back(std::move(entry));
-    addLockOnly(static_cast<int>(p));
+    AddLockOnlyEntries(owners, static_cast<int>(p), &layout);
   }
-  for (size_t i = 0; i < codes.size(); ++i) {
-    if (pieceOf[i] < 0) continue;
-    int entry = entryOfPiece[static_cast<size_t>(pieceOf[i])];
+  for (size_t i = 0; i < layout.locks.size(); ++i) {
+    if (owners.piece[i] < 0) continue;
+    int entry = entryOfPiece[static_cast<size_t>(owners.piece[i])];
     layout.locks[i].entry = entry;
     layout.entries[static_cast<size_t>(entry)].locks.push_back(static_cast<int>(i));
   }

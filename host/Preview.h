@@ -47,6 +47,8 @@ struct PreviewInput {
 // an entry of its own, placed after the piece of the last lock matched before
 // it and carrying that piece's number and line.
 struct PreviewEntry {
+  // kPiece: a piece of the input. kRepeat: a lock with an empty code.
+  // kUnknown: a lock whose code is no piece's.
   enum Kind { kPiece, kRepeat, kUnknown };
   Kind kind = kPiece;
   int piece = -1;            // index into the input's pieces: the piece (kPiece) or the one it follows
