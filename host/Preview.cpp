@@ -28,6 +28,8 @@ const std::string& LockHead() {
   return head;
 }
 
+// The text with CR LF and lone CR made LF, as the library writes line ends
+// into lock codes.
 std::string WithLfLineEnds(std::string_view text) {
   std::string out;
   out.reserve(text.size());
@@ -42,6 +44,7 @@ std::string WithLfLineEnds(std::string_view text) {
   return out;
 }
 
+// The value of a hexadecimal digit, or -1.
 int HexDigit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'A' && c <= 'F') return c - 'A' + 10;
@@ -235,6 +238,7 @@ std::string EntryLabel(const PreviewInput& input, const PreviewEntry& entry) {
   return entry.kind == PreviewEntry::kRepeat ? number + "+" : number;
 }
 
+// What the entry's head says about its output.
 std::string EntryState(const PreviewInput& input, const PreviewEntry& entry) {
   switch (entry.kind) {
     case PreviewEntry::kRepeat:
@@ -247,6 +251,8 @@ std::string EntryState(const PreviewInput& input, const PreviewEntry& entry) {
   return input.pieces[static_cast<size_t>(entry.piece)].producedOutput ? "produced output" : "no output";
 }
 
+// One entry of the panel: its label, line and state, a button per lock, and
+// its code as text. The data- attributes are what the script reads.
 void AppendEntry(const PreviewInput& input, const PreviewEntry& entry, size_t index, std::string* html) {
   static const char* const kKinds[] = {"piece", "repeat", "unknown"};
   int line = entry.piece >= 0 ? input.pieces[static_cast<size_t>(entry.piece)].line : 0;
@@ -265,6 +271,7 @@ void AppendEntry(const PreviewInput& input, const PreviewEntry& entry, size_t in
   *html += "</li>\n";
 }
 
+// The warnings, each with its line when it has one.
 void AppendWarnings(const PreviewInput& input, std::string* html) {
   *html += "<h2>Warnings <span class=\"qz-count\">" + std::to_string(input.warnings.size()) +
            "</span></h2>\n<ul id=\"qz-warnings\">\n";
@@ -277,6 +284,8 @@ void AppendWarnings(const PreviewInput& input, std::string* html) {
   *html += "</ul>\n";
 }
 
+// The title, a key to the colours, and the counts (the script adds how many
+// locks it drew).
 void AppendHeader(const PreviewInput& input, const PreviewLayout& layout, std::string* html) {
   *html += "<header class=\"qz-header\">\n<h1>Preview of <span class=\"qz-title\">" + Html(input.title) +
            "</span></h1>\n<p class=\"qz-legend\"><span class=\"qz-key-text\">server-produced text</span>"
@@ -286,6 +295,8 @@ void AppendHeader(const PreviewInput& input, const PreviewLayout& layout, std::s
            " locks</span></p>\n</header>\n";
 }
 
+// The locks in page order, each with its code attribute and entry, for the
+// script to pair with the lock elements of the frame.
 void AppendLockData(const PreviewLayout& layout, std::string* html) {
   *html += "<script type=\"application/json\" id=\"qz-locks\">[";
   for (size_t i = 0; i < layout.locks.size(); ++i) {

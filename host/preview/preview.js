@@ -132,6 +132,7 @@
     places.textContent = rules.join('\n');
   }
 
+  // Marks the lock buttons of locks that are not drawn, saying why.
   function markChips() {
     for (const chip of document.querySelectorAll('.qz-chip')) {
       const lock = drawn.get(Number(chip.dataset.lock));
@@ -141,6 +142,7 @@
     }
   }
 
+  // Unselects everything, in the panel and in the page.
   function clearSelection() {
     for (const node of document.querySelectorAll('.qz-selected')) node.classList.remove('qz-selected');
     for (const node of doc.querySelectorAll('[data-qz-selected]')) node.removeAttribute('data-qz-selected');
@@ -181,6 +183,7 @@
     if (i >= 0) select(listed[i].entry, i);
   }
 
+  // A click on an entry selects it with its locks; on a lock button, that lock.
   function onPanelClick(event) {
     const entry = event.target.closest('.qz-entry');
     if (!entry) return;
@@ -188,6 +191,7 @@
     select(Number(entry.dataset.entry), chip ? Number(chip.dataset.lock) : -1);
   }
 
+  // Enter or space on a focused entry does what a click does.
   function onPanelKey(event) {
     if (event.key !== 'Enter' && event.key !== ' ') return;
     if (!event.target.classList.contains('qz-entry')) return;
@@ -204,6 +208,8 @@
     }
   }
 
+  // Styles the frame, draws its locks, and from then on answers clicks,
+  // keys, typing and resizing.
   function start() {
     const began = performance.now();
     doc = frame.contentDocument;
