@@ -14,6 +14,8 @@
 #include "Engine.h"
 #include "Files.h"
 #include "Library.h"
+#include "Preview.h"
+#include "PreviewPieces.h"
 #include "Server.h"
 #include "Translator.h"
 #include "Utf8.h"
@@ -27,7 +29,7 @@ constexpr int kExitUsage = 2;
 
 const char kUsage[] =
     "usage: qztranslate [--profile NAME] [--server CMD | --server-output FILE]\n"
-    "                   [--labelled FILE] [-o OUT] [--library PATH] PAGE\n"
+    "                   [--labelled FILE] [--preview FILE] [-o OUT] [--library PATH] PAGE\n"
     "\n"
     "Translates the server page PAGE (UTF-8) and writes the merged page, UTF-8,\n"
     "to OUT or standard output.\n"
@@ -38,6 +40,8 @@ const char kUsage[] =
     "  --server-output FILE  merge FILE, the output of the labelled page made elsewhere\n"
     "  --labelled FILE       also write the labelled page to FILE; without --server or\n"
     "                        --server-output, stop there\n"
+    "  --preview FILE        also write FILE, an HTML page that shows the merged page\n"
+    "                        with its locks beside a list of the page's server code\n"
     "  -o, --output OUT      write the merged page to OUT instead of standard output\n"
     "  --library PATH        the translator library to load (default:\n"
     "                        libServerTranslator.so beside qztranslate)\n"
@@ -51,6 +55,7 @@ struct Options {
   bool hasServer = false;
   std::string serverOutput;
   std::string labelled;
+  std::string preview;
   std::string output;
   std::string library;
   std::string page;
@@ -93,6 +98,8 @@ int ParseOptions(int argc, char** argv, Options* o) {
       target = &o->serverOutput;
     } else if (name == "--labelled") {
       target = &o->labelled;
+    } else if (name == "--preview") {
+      target = &o->preview;
     } else if (name == "-o" || name == "--output") {
       target = &o->output;
     } else if (name == "--library") {
@@ -119,6 +126,8 @@ int ParseOptions(int argc, char** argv, Options* o) {
   }
   if (!pageSeen) return UsageError("no page given");
   if (o->hasServer && !o->serverOutput.empty()) return UsageError("give --server or --server-output, not both");
+  if (!o->preview.empty() && (o->preview == o->output || o->preview == o->labelled))
+    return UsageError("--preview needs a file of its own");
   return -1;
 }
 
@@ -181,6 +190,8 @@ int Translate(const Options& o) {
   }
   std::string serverCommand = o.hasServer ? o.server : "";
   bool stopAfterLabels = !o.hasServer && o.serverOutput.empty() && !o.labelled.empty();
+  if (stopAfterLabels && !o.preview.empty())
+    return UsageError("--preview shows the merged page: give --server or --server-output with --labelled");
   if (!o.hasServer && o.serverOutput.empty() && !stopAfterLabels) {
     serverCommand = profile->serverCommand;
     if (serverCommand.empty())
@@ -234,6 +245,10 @@ int Translate(const Options& o) {
 
   std::u16string merged;
   if (!session.Merge(output, &merged, &error)) return Fail(error);
+  if (!o.preview.empty()) {
+    std::string preview = RenderPreview(PreviewOfTranslation(o.page, labelled, output, merged, session.Warnings()));
+    if (!WriteWholeFile(o.preview, preview, &error)) return Fail("cannot write the preview " + error);
+  }
   if (!WriteOut(o.output, EncodeUtf8(merged), &error)) return Fail(error);
   return 0;
 }

@@ -5,9 +5,11 @@
 #   scripts/setup.sh TARGET...    builds only those targets, e.g. qztranslate
 #
 # Installs, through apt-get and only when missing: the build tools (cmake,
-# g++, GoogleTest, Google Benchmark) and the servers the translate command
+# g++, GoogleTest, Google Benchmark), the servers the translate command
 # drives in the demos and tests (php for php pages, erb from ruby for erb
-# pages). Needs root or sudo only when something must be installed.
+# pages), and for the preview's browser tests Debian's chromium with libpng
+# and nlohmann-json to read what it renders. Needs root or sudo only when
+# something must be installed.
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -22,6 +24,9 @@ command -v make >/dev/null 2>&1 || missing+=(make)
 [ -e /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
 command -v php >/dev/null 2>&1 || missing+=(php-cli)
 command -v erb >/dev/null 2>&1 || missing+=(ruby)
+command -v chromium >/dev/null 2>&1 || missing+=(chromium)
+[ -e /usr/include/png.h ] || missing+=(libpng-dev)
+[ -e /usr/include/nlohmann/json.hpp ] || missing+=(nlohmann-json3-dev)
 
 if [ ${#missing[@]} -gt 0 ]; then
   SUDO=""

@@ -1,0 +1,208 @@
+// The preview without a browser: how locks are matched to pieces, what the
+// file holds once every text in it is unescaped, the pieces read off the
+// labels, and the command's --preview option. What the preview looks like and
+// does in a browser is PreviewBrowserTest's.
+#include "Preview.h"
+
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+
+#include "Files.h"
+#include "PreviewPieces.h"
+#include "Server.h"
+
+using namespace qzhost;
+
+namespace {
+
+std::string Lock(const std::string& encoded, const std::string& output = "x") {
+  return "<qz:lock code=\"" + encoded + "\">" + output + "</qz:lock>";
+}
+
+PreviewPiece Piece(int number, int line, const std::string& code) { return {number, line, code, true}; }
+
+// The pieces each lock went to, by number ("3", "3+" for a repeat after
+// piece 3, "+" for a repeat before any, "?" for unknown code).
+std::vector<std::string> Owners(const PreviewInput& input) {
+  PreviewLayout layout = LayOutPreview(input);
+  std::vector<std::string> owners;
+  for (const PreviewLock& lock : layout.locks) {
+    const PreviewEntry& entry = layout.entries[static_cast<size_t>(lock.entry)];
+    std::string number = entry.piece >= 0 ? std::to_string(input.pieces[static_cast<size_t>(entry.piece)].number) : "";
+    if (entry.kind == PreviewEntry::kRepeat) number += "+";
+    if (entry.kind == PreviewEntry::kUnknown) number = "?";
+    owners.push_back(number);
+  }
+  return owners;
+}
+
+std::string Unescaped(std::string text) {
+  static const std::pair<const char*, const char*> kEntities[] = {
+      {"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&#39;", "'"}, {"&amp;", "&"}};
+  for (auto [entity, c] : kEntities)
+    for (size_t at = 0; (at = text.find(entity, at)) != std::string::npos; ++at) text.replace(at, strlen(entity), c);
+  return text;
+}
+
+// The text between the first `open` at or after `from` and the `close` after it.
+std::string Between(const std::string& text, const std::string& open, const std::string& close, size_t from = 0) {
+  size_t start = text.find(open, from);
+  if (start == std::string::npos) return "(no " + open + ")";
+  start += open.size();
+  return text.substr(start, text.find(close, start) - start);
+}
+
+size_t Count(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+}  // namespace
+
+TEST(PreviewLayoutTest, LocksGoToPiecesInPageOrder) {
+  PreviewInput input;
+  input.pieces = {Piece(1, 2, "<?= $i ?>"), Piece(2, 3, "<?php foreach ($a as $i): ?>"), Piece(3, 5, "<?= $i ?>"),
+                  Piece(4, 6, "<?php endforeach; ?>"), Piece(5, 9, "<?= \"a\r\nb\" ?>")};
+  const std::string i = "%3C?=%20$i%20?%3E", loop = "%3C?php%20foreach%20($a%20as%20$i):%20?%3E";
+  const std::string end = "%3C?php%20endforeach;%20?%3E", crlf = "%3C?=%20%22a%0Ab%22%20?%3E";
+
+  // The same code twice goes to the two pieces in turn; a loop's later
+  // passes (empty code) follow the piece before them.
+  input.mergedPage = Lock(i) + Lock(loop) + Lock(i) + Lock("") + Lock(end) + Lock(crlf);
+  EXPECT_EQ(Owners(input), (std::vector<std::string>{"1", "2", "3", "3+", "4", "5"}));
+
+  // Code that comes back after its piece goes to the nearest one before;
+  // code of no piece gets an entry of its own; empty code first follows none.
+  input.mergedPage = Lock("") + Lock(i) + Lock(end) + Lock(i) + Lock("%3C?=%20$j%20?%3E");
+  EXPECT_EQ(Owners(input), (std::vector<std::string>{"+", "1", "4", "3", "?"}));
+
+  // Entries: pieces in page order, each lock-only entry right after the piece
+  // it follows; every piece has one, locked or not.
+  PreviewLayout layout = LayOutPreview(input);
+  std::vector<std::string> order;
+  for (const PreviewEntry& entry : layout.entries)
+    order.push_back(entry.kind == PreviewEntry::kPiece ? std::to_string(entry.piece + 1)
+                                                       : entry.kind == PreviewEntry::kRepeat ? "+" : "?");
+  EXPECT_EQ(order, (std::vector<std::string>{"+", "1", "2", "3", "?", "4", "5"}));
+  EXPECT_EQ(layout.entries[2].locks.size(), 0u);
+  EXPECT_EQ(layout.entries[4].code, "<?= $j ?>");
+  for (size_t k = 0; k < layout.locks.size(); ++k) {
+    const std::vector<int>& back = layout.entries[static_cast<size_t>(layout.locks[k].entry)].locks;
+    EXPECT_NE(std::find(back.begin(), back.end(), static_cast<int>(k)), back.end()) << "lock " << k;
+  }
+}
+
+TEST(PreviewLayoutTest, DecodesEachPercentPairOnly) {
+  EXPECT_EQ(DecodeLockCode("%3C?=%20$a%20?%3E"), "<?= $a ?>");
+  EXPECT_EQ(DecodeLockCode("100%"), "100%");
+  EXPECT_EQ(DecodeLockCode("%2"), "%2");
+  EXPECT_EQ(DecodeLockCode("%zz%41"), "%zzA");
+  EXPECT_EQ(DecodeLockCode("\xC3\xBC%0a"), "\xC3\xBC\n");
+}
+
+// Texts that would end the element or attribute they stand in, if they were
+// written as they are.
+TEST(PreviewRenderTest, EveryTextComesBackWhole) {
+  const std::string hostile = "\"'></iframe></code></pre></script><script>alert(1)</script><!-- & &amp; \xE2\x80\xA8";
+  PreviewInput input;
+  input.title = "t" + hostile;
+  input.mergedPage = "<p class=\"a\">" + hostile + Lock("%3C?=%20$a%20?%3E%22%3C/script%3E") + "</p>";
+  input.pieces = {Piece(1, 4, "<?= $a ?>\"</script>"), Piece(2, 7, hostile)};
+  input.warnings = {{3, hostile}};
+  std::string html = RenderPreview(input);
+
+  EXPECT_EQ(Unescaped(Between(html, "srcdoc=\"", "\"")), input.mergedPage);
+  EXPECT_EQ(Unescaped(Between(html, "<title>", "</title>")), "Preview of " + input.title);
+  size_t second = html.find("data-label=\"2\"");
+  EXPECT_EQ(Unescaped(Between(html, "<code>", "</code>", second)), hostile);
+  EXPECT_EQ(Unescaped(Between(html, "<span class=\"qz-line\">line 3</span> ", "</li>")), hostile);
+
+  // Only the lock data and the preview's own script are scripts, and the
+  // data holds nothing that could end its element.
+  EXPECT_EQ(Count(html, "<script"), 2u);
+  EXPECT_EQ(Count(html, "</script"), 2u);
+  std::string data = Between(html, "id=\"qz-locks\">", "</script>");
+  EXPECT_EQ(data.find_first_of("<>&"), std::string::npos) << data;
+  EXPECT_NE(data.find("%3C/script%3E"), std::string::npos) << data;
+
+  // The content policy fetches nothing and runs only the script with its nonce.
+  std::string policy = Between(html, "Content-Security-Policy\" content=\"", "\"");
+  EXPECT_NE(policy.find("default-src 'none'"), std::string::npos) << policy;
+  EXPECT_NE(policy.find("script-src 'nonce-" + Between(html, "<script nonce=\"", "\"") + "'"), std::string::npos);
+  EXPECT_EQ(Between(html, "sandbox=\"", "\""), "allow-same-origin");
+}
+
+TEST(PreviewPiecesTest, PiecesComeFromLabelPairs) {
+  std::u16string labelled =
+      u"<!--QZVX 0 --><?php\r\n$a = 1; ?><!--QZVX 1 -->\n"
+      u"<p qzvx=\"0\"  class=\"x\">\n"
+      u"<!--QZVX 2 --><?php foreach ($l as $i): ?><!--QZVX 3 --><!--QZVX 4 --><?= $i ?><!--QZVX 5 -->\n"
+      u"<!--QZVX 6 --><?php endforeach; ?><!--QZVX 7 --><!--QZVX 8 --><?= \"\xFC\" ?><!--QZVX 9 -->\n"
+      u"<!--QZVX 10 --><?= $lost ?>\n";
+  // Two passes of the loop, the first with empty output for piece 5 (labels
+  // 4 and 5), the second with some; piece 5 never came back.
+  std::u16string output =
+      u"<!--QZVX 0 --><!--QZVX 1 -->\n<p qzvx=\"0\"  class=\"x\">\n"
+      u"<!--QZVX 2 --><!--QZVX 3 --><!--QZVX 4 --><!--QZVX 5 -->\n<!--QZVX 6 --><!--QZVX 7 -->"
+      u"<!--QZVX 4 -->b<!--QZVX 5 -->\n<!--QZVX 6 --><!--QZVX 7 -->\n";
+  std::vector<PreviewPiece> pieces = PiecesFromLabels(labelled, output);
+  ASSERT_EQ(pieces.size(), 5u);
+  const int lines[] = {1, 4, 4, 5, 5};
+  const bool produced[] = {false, false, true, false, false};
+  for (size_t k = 0; k < pieces.size(); ++k) {
+    EXPECT_EQ(pieces[k].number, static_cast<int>(k) + 1);
+    EXPECT_EQ(pieces[k].line, lines[k]) << "piece " << k + 1;
+    EXPECT_EQ(pieces[k].producedOutput, produced[k]) << "piece " << k + 1;
+  }
+  EXPECT_EQ(pieces[0].code, "<?php\r\n$a = 1; ?>");
+  EXPECT_EQ(pieces[4].code, "<?= \"\xC3\xBC\" ?>");
+  EXPECT_TRUE(PiecesFromLabels(u"", u"").empty());
+}
+
+TEST(PreviewPiecesTest, WarningsKeepTheirLines) {
+  std::vector<PreviewWarning> warnings =
+      WarningsFromMessages({"line 12: `<?php` is not closed", "no line here", "line x: y", "line 3:no space"});
+  ASSERT_EQ(warnings.size(), 4u);
+  EXPECT_EQ(warnings[0].line, 12);
+  EXPECT_EQ(warnings[0].message, "`<?php` is not closed");
+  for (size_t k = 1; k < 4; ++k) EXPECT_EQ(warnings[k].line, 0) << warnings[k].message;
+}
+
+class PreviewCommandTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_NE(mkdtemp(folder), nullptr); }
+  void TearDown() override { std::filesystem::remove_all(folder); }
+  std::string Path(const std::string& name) { return folder + ("/" + name); }
+
+  ServerRun Command(const std::string& args) {
+    ServerRun run;
+    std::string error;
+    EXPECT_TRUE(RunServer(std::string(QZ_TRANSLATE_PATH) + " " + args, folder, "", &run, &error)) << error;
+    return run;
+  }
+
+  char folder[21] = "/tmp/qzpreviewXXXXXX";
+};
+
+TEST_F(PreviewCommandTest, PreviewIsWrittenWholeOrNotAtAll) {
+  const std::string page = std::string(QZ_EXAMPLES_DIR) + "/hello.aspx";
+  const std::string answer = page + ".server-output.html";
+  EXPECT_EQ(Command("--preview p.html --labelled l.aspx " + page).exitStatus, 2);
+  EXPECT_EQ(Command("--preview p.html -o p.html --server-output " + answer + " " + page).exitStatus, 2);
+  EXPECT_EQ(Command("--preview p.html --server false " + page).exitStatus, 1);
+  EXPECT_EQ(Command("--preview missing/p.html -o m.html --server-output " + answer + " " + page).exitStatus, 1);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 0) << "files were left behind";
+
+  ServerRun run = Command("--preview p.html -o m.html --server-output " + answer + " " + page);
+  EXPECT_EQ(run.exitStatus, 0) << run.errors;
+  std::string preview, error;
+  ASSERT_TRUE(ReadWholeFile(Path("p.html"), &preview, &error)) << error;
+  EXPECT_NE(preview.find("<title>Preview of hello.aspx</title>"), std::string::npos);
+  EXPECT_EQ(Count(preview, "class=\"qz-entry qz-piece\""), 7u);
+}
