@@ -40,111 +40,141 @@ void KeepTail(std::string* errors, const char* data, size_t n) {
   _exit(127);
 }
 
-}  // namespace
+// The parent's ends of the three pipes (-1 once closed) and the child.
+struct Exchange {
+  int toServer = -1, fromServer = -1, errFromServer = -1;
+  pid_t pid = -1;
+  struct sigaction savedPipe = {};
+};
 
-bool RunServer(const std::string& command, const std::string& folder, std::string_view input, ServerRun* run,
-               std::string* error) {
-  *run = ServerRun();
+// Makes the three pipes, each end closed on exec, and ignores SIGPIPE so
+// that writing to a server that has closed its input gives EPIPE here
+// instead of killing the host (the child gets the default back before
+// exec). On failure nothing is left open and the message says why.
+bool SetUp(int inPipe[2], int outPipe[2], int errPipe[2], Exchange* ex, std::string* error) {
   // The pipes must not land on 0, 1 or 2, where the child's dup2 calls
   // would trip over them: a host started with one of those closed gets it
   // opened on /dev/null first.
   for (int fd = 0; fd <= 2; ++fd)
     if (fcntl(fd, F_GETFD) < 0) open("/dev/null", O_RDWR);
-  int inPipe[2], outPipe[2], errPipe[2];
-  if (pipe2(inPipe, O_CLOEXEC) != 0) {
+  int* pipes[3] = {inPipe, outPipe, errPipe};
+  for (int made = 0; made < 3; ++made) {
+    if (pipe2(pipes[made], O_CLOEXEC) == 0) continue;
     *error = std::string("cannot make a pipe: ") + std::strerror(errno);
+    for (int k = 0; k < made; ++k) {
+      close(pipes[k][0]);
+      close(pipes[k][1]);
+    }
     return false;
   }
-  if (pipe2(outPipe, O_CLOEXEC) != 0) {
-    *error = std::string("cannot make a pipe: ") + std::strerror(errno);
-    close(inPipe[0]);
-    close(inPipe[1]);
-    return false;
-  }
-  if (pipe2(errPipe, O_CLOEXEC) != 0) {
-    *error = std::string("cannot make a pipe: ") + std::strerror(errno);
-    for (int fd : {inPipe[0], inPipe[1], outPipe[0], outPipe[1]}) close(fd);
-    return false;
-  }
-  // Writing to a server that has closed its input must give EPIPE here, not
-  // kill the host; the child gets the default back before exec.
-  struct sigaction ignore = {}, saved = {};
+  struct sigaction ignore = {};
   ignore.sa_handler = SIG_IGN;
-  sigaction(SIGPIPE, &ignore, &saved);
+  sigaction(SIGPIPE, &ignore, &ex->savedPipe);
+  return true;
+}
 
+// Forks the child onto the pipes and keeps the parent's ends in ex. On
+// failure every pipe is closed, SIGPIPE is restored and the message says
+// why.
+bool Spawn(const std::string& command, const std::string& folder, int inPipe[2], int outPipe[2], int errPipe[2],
+           std::string_view input, Exchange* ex, std::string* error) {
   pid_t pid = fork();
   if (pid == 0) ExecChild(command.c_str(), folder.c_str(), inPipe[0], outPipe[1], errPipe[1]);
   int forkErr = errno;
   close(inPipe[0]);
   close(outPipe[1]);
   close(errPipe[1]);
-  int toServer = inPipe[1], fromServer = outPipe[0], errFromServer = errPipe[0];
+  ex->toServer = inPipe[1];
+  ex->fromServer = outPipe[0];
+  ex->errFromServer = errPipe[0];
   if (pid < 0) {
-    CloseIf(&toServer);
-    CloseIf(&fromServer);
-    CloseIf(&errFromServer);
-    sigaction(SIGPIPE, &saved, nullptr);
+    CloseIf(&ex->toServer);
+    CloseIf(&ex->fromServer);
+    CloseIf(&ex->errFromServer);
+    sigaction(SIGPIPE, &ex->savedPipe, nullptr);
     *error = std::string("cannot start the server: ") + std::strerror(forkErr);
     return false;
   }
-  fcntl(toServer, F_SETFL, fcntl(toServer, F_GETFL) | O_NONBLOCK);
-  if (input.empty()) CloseIf(&toServer);
+  ex->pid = pid;
+  fcntl(ex->toServer, F_SETFL, fcntl(ex->toServer, F_GETFL) | O_NONBLOCK);
+  if (input.empty()) CloseIf(&ex->toServer);
+  return true;
+}
 
+// Writes input while reading both outputs until all three pipes are done,
+// then closes them.
+void Pump(std::string_view input, Exchange* ex, ServerRun* run) {
   size_t written = 0;
   char chunk[65536];
-  while (toServer >= 0 || fromServer >= 0 || errFromServer >= 0) {
+  while (ex->toServer >= 0 || ex->fromServer >= 0 || ex->errFromServer >= 0) {
     struct pollfd fds[3];
     int nfds = 0, inIdx = -1, outIdx = -1, errIdx = -1;
-    if (toServer >= 0) {
+    if (ex->toServer >= 0) {
       inIdx = nfds;
-      fds[nfds++] = {toServer, POLLOUT, 0};
+      fds[nfds++] = {ex->toServer, POLLOUT, 0};
     }
-    if (fromServer >= 0) {
+    if (ex->fromServer >= 0) {
       outIdx = nfds;
-      fds[nfds++] = {fromServer, POLLIN, 0};
+      fds[nfds++] = {ex->fromServer, POLLIN, 0};
     }
-    if (errFromServer >= 0) {
+    if (ex->errFromServer >= 0) {
       errIdx = nfds;
-      fds[nfds++] = {errFromServer, POLLIN, 0};
+      fds[nfds++] = {ex->errFromServer, POLLIN, 0};
     }
     if (poll(fds, static_cast<nfds_t>(nfds), -1) < 0) {
       if (errno == EINTR) continue;
       break;
     }
     if (inIdx >= 0 && fds[inIdx].revents) {
-      ssize_t put = write(toServer, input.data() + written, input.size() - written);
+      ssize_t put = write(ex->toServer, input.data() + written, input.size() - written);
       if (put > 0) written += static_cast<size_t>(put);
       bool stalled = put < 0 && (errno == EAGAIN || errno == EINTR);
-      if (written == input.size() || (put < 0 && !stalled)) CloseIf(&toServer);
+      if (written == input.size() || (put < 0 && !stalled)) CloseIf(&ex->toServer);
     }
     if (outIdx >= 0 && fds[outIdx].revents) {
-      ssize_t got = read(fromServer, chunk, sizeof chunk);
+      ssize_t got = read(ex->fromServer, chunk, sizeof chunk);
       if (got > 0) run->output.append(chunk, static_cast<size_t>(got));
-      else if (got == 0 || errno != EINTR) CloseIf(&fromServer);
+      else if (got == 0 || errno != EINTR) CloseIf(&ex->fromServer);
     }
     if (errIdx >= 0 && fds[errIdx].revents) {
-      ssize_t got = read(errFromServer, chunk, sizeof chunk);
+      ssize_t got = read(ex->errFromServer, chunk, sizeof chunk);
       if (got > 0) {
         KeepTail(&run->errors, chunk, static_cast<size_t>(got));
         run->errorBytes += static_cast<size_t>(got);
       }
-      else if (got == 0 || errno != EINTR) CloseIf(&errFromServer);
+      else if (got == 0 || errno != EINTR) CloseIf(&ex->errFromServer);
     }
   }
-  CloseIf(&toServer);
-  CloseIf(&fromServer);
-  CloseIf(&errFromServer);
+  CloseIf(&ex->toServer);
+  CloseIf(&ex->fromServer);
+  CloseIf(&ex->errFromServer);
+}
 
+// Waits for the child, restores SIGPIPE and fills in how the run ended.
+void Reap(Exchange* ex, ServerRun* run) {
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  while (waitpid(ex->pid, &status, 0) < 0 && errno == EINTR) {
   }
-  sigaction(SIGPIPE, &saved, nullptr);
+  sigaction(SIGPIPE, &ex->savedPipe, nullptr);
   if (run->errors.size() > kErrorTail) run->errors.erase(0, run->errors.size() - kErrorTail);
   if (WIFEXITED(status)) {
     run->exitStatus = WEXITSTATUS(status);
   } else if (WIFSIGNALED(status)) {
     run->signal = WTERMSIG(status);
   }
+}
+
+}  // namespace
+
+bool RunServer(const std::string& command, const std::string& folder, std::string_view input, ServerRun* run,
+               std::string* error) {
+  *run = ServerRun();
+  int inPipe[2], outPipe[2], errPipe[2];
+  Exchange ex;
+  if (!SetUp(inPipe, outPipe, errPipe, &ex, error)) return false;
+  if (!Spawn(command, folder, inPipe, outPipe, errPipe, input, &ex, error)) return false;
+  Pump(input, &ex, run);
+  Reap(&ex, run);
   return true;
 }
 

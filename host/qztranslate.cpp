@@ -15,7 +15,7 @@
 #include "Files.h"
 #include "Library.h"
 #include "Server.h"
-#include "Translator.h"
+#include "TranslationSession.h"
 #include "Utf8.h"
 
 namespace {

@@ -2,7 +2,7 @@
 // real php and erb with their exact merged pages, and the round trip, in
 // which a server that hands the labelled page back unchanged must give back
 // exactly the page.
-#include "Translator.h"
+#include "TranslationSession.h"
 
 #include <gtest/gtest.h>
 
@@ -42,7 +42,7 @@ std::u16string Decoded(std::string_view bytes) {
   return text;
 }
 
-class TranslatorTest : public ::testing::Test {
+class TranslationSessionTest : public ::testing::Test {
  protected:
   // Loads the library; a folder for the servers holds the pages they include.
   void SetUp() override {
@@ -79,7 +79,7 @@ class TranslatorTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(TranslatorTest, PagesThroughPhpAndErb) {
+TEST_F(TranslationSessionTest, PagesThroughPhpAndErb) {
   if (!HaveCommand("php") || !HaveCommand("erb")) GTEST_SKIP() << "php or erb is not installed";
   // A directive's output is locked, the directive kept invisible inside;
   // non-ASCII text around and inside server output keeps its offsets.
@@ -114,7 +114,7 @@ TEST_F(TranslatorTest, PagesThroughPhpAndErb) {
                 ">2</li></qz:lock>" + Lock("%3C%25%20end%20%25%3E", "<% end %>", "") + "</ul>");
 }
 
-TEST_F(TranslatorTest, UnchangedServerOutputGivesBackHandWrittenPagesAndTheExamples) {
+TEST_F(TranslationSessionTest, UnchangedServerOutputGivesBackHandWrittenPagesAndTheExamples) {
   struct Case { const char* profile; std::string page; } cases[] = {
       {"php", "<?php $a = 1; ?>\n<p class=\"x\" id='y' hidden data-v=3>é😀 <?= $a ?></p>"},
       {"php", "<p a=\"1\" >x</p><br /><img src=\"a\"\n/><p\tb='2'\n>y</p>"},
@@ -191,7 +191,7 @@ struct PageGenerator {
 
 }  // namespace
 
-TEST_F(TranslatorTest, UnchangedServerOutputGivesBackGeneratedPages) {
+TEST_F(TranslationSessionTest, UnchangedServerOutputGivesBackGeneratedPages) {
   PageGenerator generator;
   for (int i = 0; i < 600; ++i) {
     std::string page = generator.Page(), profile = i % 3 == 0 ? "php" : i % 3 == 1 ? "erb" : "asp";
