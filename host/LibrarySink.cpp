@@ -3,7 +3,8 @@
 
 namespace qzhost {
 
-LibrarySink::LibrarySink(Engine& engine) : engine_(engine), mark_(engine.Save()) {
+LibrarySink::LibrarySink(Engine& engine, std::u16string_view start, std::u16string_view end)
+    : engine_(engine), mark_(engine.Save()), start_(start), end_(end) {
   directive_ = engine.Find("directive");
   openTagBegin_ = engine.Find("openTagBegin");
   attribute_ = engine.Find("attribute");
@@ -14,7 +15,12 @@ LibrarySink::LibrarySink(Engine& engine) : engine_(engine), mark_(engine.Save())
 }
 
 bool LibrarySink::Directive(std::u16string_view text, int32_t offset) {
-  return Send(directive_, "directive", offset, {Str(text), engine_.Int(offset)});
+  bool cut = !cuts_.empty() && cuts_.back() == std::make_pair(Unfinished::kDirective, offset);
+  if (!cut || start_.empty()) return Send(directive_, "directive", offset, {Str(text), engine_.Int(offset)});
+  hasOpenEnd_ = true;
+  openEnd_ = DescribeOpenEnd(text, start_, end_);
+  std::u16string_view told = openEnd_.reportAs.empty() ? text : std::u16string_view(openEnd_.reportAs);
+  return Send(directive_, "directive", offset, {Str(told), engine_.Int(offset)});
 }
 
 bool LibrarySink::OpenTagBegin(std::u16string_view name, int32_t offset) {

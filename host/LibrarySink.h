@@ -1,6 +1,7 @@
 // The scanner sink that forwards every scanned item to the library's scanner
 // callbacks, in either pass, and remembers what failed and what the end of
-// the page cut off.
+// the page cut off. In the pre pass it tells the library a directive left
+// open by the end of the page as PageEnd.h describes.
 #ifndef QZHOST_LIBRARYSINK_H
 #define QZHOST_LIBRARYSINK_H
 
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "Engine.h"
+#include "PageEnd.h"
 #include "Scanner.h"
 
 namespace qzhost {
@@ -17,7 +19,9 @@ namespace qzhost {
 // returned, so a long page does not pile them up in the engine.
 class LibrarySink : public ScanSink {
  public:
-  explicit LibrarySink(Engine& engine);
+  // start and end: the profile's directive characters, given in the pre
+  // pass only.
+  explicit LibrarySink(Engine& engine, std::u16string_view start = {}, std::u16string_view end = {});
 
   bool Directive(std::u16string_view text, int32_t offset) override;
   bool OpenTagBegin(std::u16string_view name, int32_t offset) override;
@@ -32,6 +36,9 @@ class LibrarySink : public ScanSink {
   const std::string& Failure() const { return failure_; }
   // The constructs the end of the page cut off, in the order the scan met them.
   const std::vector<std::pair<Unfinished, int32_t>>& Cuts() const { return cuts_; }
+  // The directive the end of the page left open, once it has been reported.
+  bool HasOpenEnd() const { return hasOpenEnd_; }
+  const OpenEnd& GetOpenEnd() const { return openEnd_; }
 
  private:
   Value Str(std::u16string_view text) { return engine_.Str(std::u16string(text)); }
@@ -43,6 +50,9 @@ class LibrarySink : public ScanSink {
   int32_t tagOffset_ = 0;  // the "<" of the tag being reported
   std::string failure_;
   std::vector<std::pair<Unfinished, int32_t>> cuts_;
+  std::u16string start_, end_;
+  bool hasOpenEnd_ = false;
+  OpenEnd openEnd_;
 };
 
 }  // namespace qzhost

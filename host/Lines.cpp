@@ -9,4 +9,15 @@ size_t LineOfUnit(std::u16string_view text, size_t offset) {
   return 1 + static_cast<size_t>(std::count(before.begin(), before.end(), u'\n'));
 }
 
+size_t LineCursor::LineAt(size_t offset) {
+  offset = std::min(offset, text_.size());
+  if (offset < pos_) {
+    pos_ = 0;
+    line_ = 1;
+  }
+  for (; pos_ < offset; ++pos_)
+    if (text_[pos_] == u'\n') ++line_;
+  return line_;
+}
+
 }  // namespace qzhost

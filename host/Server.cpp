@@ -1,14 +1,22 @@
-// Server runs: fork and exec with three pipes, driven by one poll loop.
+// Server runs: fork and exec with three pipes, driven by one poll loop that
+// also watches the server's own process and the time limit.
 #include "Server.h"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include "Cleanup.h"
 
 namespace qzhost {
 namespace {
@@ -25,9 +33,18 @@ void KeepTail(std::string* errors, const char* data, size_t n) {
   if (errors->size() > 2 * kErrorTail) errors->erase(0, errors->size() - kErrorTail);
 }
 
-// In the child: wire the pipes to 0, 1 and 2, enter the folder, exec the
-// shell. Only async-signal-safe calls, since the parent may have threads.
+double Now() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+// In the child: a process group of its own, the signals as the command found
+// them, the pipes on 0, 1 and 2, the folder, then the shell. Only
+// async-signal-safe calls, since the parent may have threads.
 [[noreturn]] void ExecChild(const char* command, const char* folder, int in, int out, int err) {
+  setpgid(0, 0);
+  RestoreInterruptDefaults();
   signal(SIGPIPE, SIG_DFL);
   if (dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(127);
   if (chdir(folder) != 0) {
@@ -43,7 +60,10 @@ void KeepTail(std::string* errors, const char* data, size_t n) {
 // The parent's ends of the three pipes (-1 once closed) and the child.
 struct Exchange {
   int toServer = -1, fromServer = -1, errFromServer = -1;
-  pid_t pid = -1;
+  pid_t pid = -1;      // the server's process, also its group
+  int pidFd = -1;      // readable once the server has exited; -1: poll by ticks
+  bool exited = false;  // the server has been reaped, its status in status
+  int status = 0;
   struct sigaction savedPipe = {};
 };
 
@@ -70,6 +90,9 @@ bool SetUp(int inPipe[2], int outPipe[2], int errPipe[2], Exchange* ex, std::str
   struct sigaction ignore = {};
   ignore.sa_handler = SIG_IGN;
   sigaction(SIGPIPE, &ignore, &ex->savedPipe);
+  // Orphans of the server (its background children, once it has exited)
+  // come to this process, which can then reap them when it ends the group.
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
   return true;
 }
 
@@ -95,19 +118,74 @@ bool Spawn(const std::string& command, const std::string& folder, int inPipe[2],
     *error = std::string("cannot start the server: ") + std::strerror(forkErr);
     return false;
   }
+  // Set here too, so that the group exists before anything signals it.
+  setpgid(pid, pid);
   ex->pid = pid;
+  RegisterServerGroup(pid);
+  ex->pidFd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   fcntl(ex->toServer, F_SETFL, fcntl(ex->toServer, F_GETFL) | O_NONBLOCK);
   if (input.empty()) CloseIf(&ex->toServer);
   return true;
 }
 
-// Writes input while reading both outputs until all three pipes are done,
-// then closes them.
-void Pump(std::string_view input, Exchange* ex, ServerRun* run) {
-  size_t written = 0;
+void TakeOutput(const char* chunk, size_t n, bool isError, ServerRun* run) {
+  if (!isError) {
+    run->output.append(chunk, n);
+    return;
+  }
+  KeepTail(&run->errors, chunk, n);
+  run->errorBytes += n;
+}
+
+// One read from a server's output; closes it at its end or on an error.
+void ReadSome(int* fd, bool isError, ServerRun* run) {
   char chunk[65536];
-  while (ex->toServer >= 0 || ex->fromServer >= 0 || ex->errFromServer >= 0) {
-    struct pollfd fds[3];
+  ssize_t got = read(*fd, chunk, sizeof chunk);
+  if (got > 0) TakeOutput(chunk, static_cast<size_t>(got), isError, run);
+  else if (got == 0 || errno != EINTR) CloseIf(fd);
+}
+
+// Reads what an exited server left in the pipe, then closes it. Only the
+// bytes there now are read: a background child that goes on writing must
+// not keep the run going.
+void Drain(int* fd, bool isError, ServerRun* run) {
+  int pending = 0;
+  if (*fd >= 0 && ioctl(*fd, FIONREAD, &pending) == 0) {
+    char chunk[65536];
+    while (pending > 0) {
+      ssize_t got = read(*fd, chunk, std::min(sizeof chunk, static_cast<size_t>(pending)));
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) break;
+      TakeOutput(chunk, static_cast<size_t>(got), isError, run);
+      pending -= static_cast<int>(got);
+    }
+  }
+  CloseIf(fd);
+}
+
+// Reaps the server when it has exited; true once it has.
+bool CheckExited(Exchange* ex) {
+  if (ex->exited) return true;
+  pid_t done;
+  while ((done = waitpid(ex->pid, &ex->status, WNOHANG)) < 0 && errno == EINTR) {
+  }
+  ex->exited = done == ex->pid;
+  return ex->exited;
+}
+
+// Writes input while reading both outputs until the server's own process has
+// exited or the deadline (0: none) has passed; closes the pipes either way.
+// Returns false when the deadline ended it.
+bool Pump(std::string_view input, double deadline, Exchange* ex, ServerRun* run) {
+  size_t written = 0;
+  bool inTime = true;
+  while (!CheckExited(ex)) {
+    double left = deadline > 0 ? deadline - Now() : -1;
+    if (deadline > 0 && left <= 0) {
+      inTime = false;
+      break;
+    }
+    struct pollfd fds[4];
     int nfds = 0, inIdx = -1, outIdx = -1, errIdx = -1;
     if (ex->toServer >= 0) {
       inIdx = nfds;
@@ -121,7 +199,11 @@ void Pump(std::string_view input, Exchange* ex, ServerRun* run) {
       errIdx = nfds;
       fds[nfds++] = {ex->errFromServer, POLLIN, 0};
     }
-    if (poll(fds, static_cast<nfds_t>(nfds), -1) < 0) {
+    if (ex->pidFd >= 0) fds[nfds++] = {ex->pidFd, POLLIN, 0};
+    // Without a process descriptor the exit is noticed by looking every 20 ms.
+    int waitMs = left < 0 ? -1 : static_cast<int>(left * 1000) + 1;
+    if (ex->pidFd < 0) waitMs = waitMs < 0 ? 20 : std::min(waitMs, 20);
+    if (poll(fds, static_cast<nfds_t>(nfds), waitMs) < 0) {
       if (errno == EINTR) continue;
       break;
     }
@@ -131,50 +213,54 @@ void Pump(std::string_view input, Exchange* ex, ServerRun* run) {
       bool stalled = put < 0 && (errno == EAGAIN || errno == EINTR);
       if (written == input.size() || (put < 0 && !stalled)) CloseIf(&ex->toServer);
     }
-    if (outIdx >= 0 && fds[outIdx].revents) {
-      ssize_t got = read(ex->fromServer, chunk, sizeof chunk);
-      if (got > 0) run->output.append(chunk, static_cast<size_t>(got));
-      else if (got == 0 || errno != EINTR) CloseIf(&ex->fromServer);
-    }
-    if (errIdx >= 0 && fds[errIdx].revents) {
-      ssize_t got = read(ex->errFromServer, chunk, sizeof chunk);
-      if (got > 0) {
-        KeepTail(&run->errors, chunk, static_cast<size_t>(got));
-        run->errorBytes += static_cast<size_t>(got);
-      }
-      else if (got == 0 || errno != EINTR) CloseIf(&ex->errFromServer);
-    }
+    if (outIdx >= 0 && fds[outIdx].revents) ReadSome(&ex->fromServer, false, run);
+    if (errIdx >= 0 && fds[errIdx].revents) ReadSome(&ex->errFromServer, true, run);
   }
   CloseIf(&ex->toServer);
+  if (inTime) {
+    Drain(&ex->fromServer, false, run);
+    Drain(&ex->errFromServer, true, run);
+  }
   CloseIf(&ex->fromServer);
   CloseIf(&ex->errFromServer);
+  return inTime;
 }
 
-// Waits for the child, restores SIGPIPE and fills in how the run ended.
-void Reap(Exchange* ex, ServerRun* run) {
-  int status = 0;
-  while (waitpid(ex->pid, &status, 0) < 0 && errno == EINTR) {
+// Ends what is left of the server's group (all of it after a time limit,
+// background children after a normal exit), reaps the server, restores
+// SIGPIPE and fills in how the run ended.
+void Reap(Exchange* ex, bool inTime, double graceSeconds, ServerRun* run) {
+  bool leftovers = kill(-ex->pid, 0) == 0;
+  if (!inTime || leftovers) EndProcessGroup(ex->pid, ex->pid, graceSeconds, &ex->status, &ex->exited);
+  run->timedOut = !inTime;
+  run->stoppedLeftovers = inTime && leftovers && ex->exited;
+  while (!ex->exited) {
+    pid_t done = waitpid(ex->pid, &ex->status, 0);
+    ex->exited = done == ex->pid || (done < 0 && errno != EINTR);
   }
+  ForgetServerGroup();
+  if (ex->pidFd >= 0) close(ex->pidFd);
   sigaction(SIGPIPE, &ex->savedPipe, nullptr);
   if (run->errors.size() > kErrorTail) run->errors.erase(0, run->errors.size() - kErrorTail);
-  if (WIFEXITED(status)) {
-    run->exitStatus = WEXITSTATUS(status);
-  } else if (WIFSIGNALED(status)) {
-    run->signal = WTERMSIG(status);
+  if (WIFEXITED(ex->status)) {
+    run->exitStatus = WEXITSTATUS(ex->status);
+  } else if (WIFSIGNALED(ex->status)) {
+    run->signal = WTERMSIG(ex->status);
   }
 }
 
 }  // namespace
 
 bool RunServer(const std::string& command, const std::string& folder, std::string_view input, ServerRun* run,
-               std::string* error) {
+               std::string* error, const ServerLimits& limits) {
   *run = ServerRun();
   int inPipe[2], outPipe[2], errPipe[2];
   Exchange ex;
   if (!SetUp(inPipe, outPipe, errPipe, &ex, error)) return false;
+  double deadline = limits.timeoutSeconds > 0 ? Now() + limits.timeoutSeconds : 0;
   if (!Spawn(command, folder, inPipe, outPipe, errPipe, input, &ex, error)) return false;
-  Pump(input, &ex, run);
-  Reap(&ex, run);
+  bool inTime = Pump(input, deadline, &ex, run);
+  Reap(&ex, inTime, limits.graceSeconds, run);
   return true;
 }
 

@@ -12,26 +12,32 @@
 namespace qzhost {
 namespace {
 
-// A warning about a construct of the page that its end cut off.
-std::string DescribeCut(std::u16string_view page, Unfinished kind, int32_t offset) {
-  std::u16string_view rest = page.substr(static_cast<size_t>(offset));
+// The start of what the end of the page cut off, for a warning: up to 24
+// units of its first line.
+std::string CutSnippet(std::u16string_view rest) {
   size_t shown = std::min<size_t>(rest.size(), 24);
   for (size_t i = 0; i < shown; ++i)
     if (rest[i] == u'\n' || rest[i] == u'\r') shown = i;
-  std::string snippet = EncodeUtf8(rest.substr(0, shown)) + (shown < rest.size() ? "..." : "");
-  std::string where = "line " + std::to_string(LineOfUnit(page, static_cast<size_t>(offset))) + ": ";
-  switch (kind) {
-    case Unfinished::kDirective:
-      return where + "`" + snippet + "` is not closed before the end of the page";
-    case Unfinished::kOpenTag:
-    case Unfinished::kCloseTag:
-      return where + "the tag `" + snippet +
-             "` has no \">\" before the end of the page; it and all that follows are kept as text";
-    case Unfinished::kRawText:
-      return where + "`" + snippet +
-             "` has no close tag before the end of the page; it and all that follows are kept as text";
-  }
-  return where + "`" + snippet + "` is cut off by the end of the page";
+  return "`" + EncodeUtf8(rest.substr(0, shown)) + (shown < rest.size() ? "...`" : "`");
+}
+
+// Where text holds server code of the profile: a directive start, an
+// include, a server tag by its prefix or by a runat attribute; npos when
+// it holds none.
+size_t ServerCodeIn(std::u16string_view text, const Profile& profile) {
+  size_t at = std::u16string_view::npos;
+  auto consider = [&](std::u16string_view what) { at = std::min(at, text.find(what)); };
+  if (!profile.directiveStart.empty()) consider(profile.directiveStart);
+  consider(u"#include");
+  for (const std::u16string& prefix : profile.tagPrefixes) consider(u"<" + prefix);
+  if (profile.attributeRules)
+    for (const std::u16string& name : profile.ruleNames) consider(name + u"=");
+  return at;
+}
+
+std::u16string LabelComment(size_t n) {
+  std::string digits = std::to_string(n);
+  return u"<!--QZVX " + std::u16string(digits.begin(), digits.end()) + u" -->";
 }
 
 }  // namespace
@@ -81,12 +87,92 @@ std::vector<Value> TranslationSession::PreSettings() {
 // Reports text to the library's callbacks; in the pre pass the constructs
 // that the end of the text cut off become warnings.
 bool TranslationSession::Scan(std::u16string_view text, const char* what, bool prePass, std::string* error) {
-  LibrarySink sink(engine_);
-  bool ok = ScanPage(text, sink);
+  std::u16string_view start = prePass ? std::u16string_view(profile_.directiveStart) : std::u16string_view();
+  LibrarySink sink(engine_, start, profile_.directiveEnd);
+  std::u16string lastLabel = !prePass && closedOpenEnd_ ? LabelComment(places_.comments.size() - 1) : u"";
+  bool ok = ScanOutput(text, lastLabel, sink);
   if (!ok) *error = sink.Failure().empty() ? std::string(what) + " could not be scanned" : sink.Failure();
-  if (prePass)
-    for (const auto& [kind, offset] : sink.Cuts()) warnings_.push_back(DescribeCut(text, kind, offset));
+  if (prePass) {
+    cuts_ = sink.Cuts();
+    hasOpenEnd_ = sink.HasOpenEnd();
+    openEnd_ = sink.GetOpenEnd();
+  }
   return ok;
+}
+
+// When the library took the directive open at the end of the page as a
+// piece of server code (its closing label ends the labelled page), the
+// closing text goes before that label, where the server needs it.
+void TranslationSession::CloseOpenEnd(std::u16string_view page, int32_t offset, const OpenEnd& open,
+                                      std::u16string* labelled) {
+  const std::vector<size_t>& places = places_.comments;
+  size_t n = places.size();
+  if (!located_ || n < 2 || places[n - 1] != page.size() || places[n - 2] != static_cast<size_t>(offset)) return;
+  std::u16string last = LabelComment(n - 1);
+  labelled->insert(labelled->size() - last.size(), open.closing);
+  closedOpenEnd_ = true;
+  echoedEnd_ = std::u16string(page.substr(static_cast<size_t>(offset))) + open.closing + last;
+}
+
+// One warning per construct the end of the page cut off, saying what
+// becomes of it and of any server code in it.
+void TranslationSession::DescribeCuts(std::u16string_view page) {
+  for (const auto& [kind, offset] : cuts_) {
+    std::u16string_view rest = page.substr(static_cast<size_t>(offset));
+    size_t line = LineOfUnit(page, static_cast<size_t>(offset));
+    std::string snippet = CutSnippet(rest);
+    size_t code = ServerCodeIn(rest, profile_);
+    std::string codeLine = code == std::u16string_view::npos ? "" : std::to_string(LineOfUnit(page, offset + code));
+    std::string lost = "; the server code in it (line " + codeLine +
+                       ") is not labelled: the server runs it, its output comes back as plain, unlocked text, and "
+                       "the code itself is missing from the merged page";
+    if (kind == Unfinished::kDirective && closedOpenEnd_) {
+      warnings_.push_back({Finding::kOpenAtEnd, line, 0,
+                           snippet + " is not closed before the end of the page; it is taken as one piece of server "
+                                     "code up to the end of the page: the server gets it closed with `" +
+                               ShownClosing(openEnd_.closing) + "`, and the merged page keeps it as written, locked"});
+    } else if (kind == Unfinished::kDirective && hasOpenEnd_ && openEnd_.bHoldsCode) {
+      warnings_.push_back({Finding::kNotLabelled, line, 0,
+                           snippet + " is not closed before the end of the page, and the library does not take it "
+                                     "as server code here" + lost});
+    } else if (kind == Unfinished::kDirective) {
+      warnings_.push_back(
+          {Finding::kOpenAtEnd, line, 0, snippet + " is not closed before the end of the page; it runs to the end"});
+    } else {
+      std::string what = kind == Unfinished::kRawText
+                             ? snippet + " has no close tag before the end of the page"
+                             : "the tag " + snippet + " has no \">\" before the end of the page";
+      if (codeLine.empty())
+        warnings_.push_back({Finding::kOpenAtEnd, line, 0, what + "; it and all that follows are kept as text"});
+      else
+        warnings_.push_back({Finding::kNotLabelled, line, 0, what + ", so it and all that follows are text" + lost});
+    }
+  }
+}
+
+// The output as the merge takes it: without the closing text of an open
+// end when the server handed it back unchanged.
+std::u16string_view TranslationSession::Unclosed(std::u16string_view output, std::u16string* buffer) const {
+  if (!closedOpenEnd_ || output.size() < echoedEnd_.size() ||
+      output.substr(output.size() - echoedEnd_.size()) != echoedEnd_)
+    return output;
+  size_t lastSize = LabelComment(places_.comments.size() - 1).size();
+  *buffer = std::u16string(output);
+  buffer->erase(buffer->size() - lastSize - openEnd_.closing.size(), openEnd_.closing.size());
+  return *buffer;
+}
+
+LabelReport TranslationSession::Check(std::u16string_view output) const {
+  if (!located_) {
+    LabelReport report;
+    report.warnings.push_back({Finding::kNoLabels, 0, 0,
+                               "the labels could not be told apart from the page's own text (the page holds text "
+                               "written like a label), so the server's output was not checked"});
+    return report;
+  }
+  std::u16string buffer;
+  std::u16string lastLabel = closedOpenEnd_ ? LabelComment(places_.comments.size() - 1) : u"";
+  return CheckLabels(page_, places_, Unclosed(output, &buffer), profile_.directiveStart, lastLabel);
 }
 
 bool TranslationSession::Start(std::string* error) {
@@ -108,6 +194,9 @@ bool TranslationSession::Label(std::u16string_view page, std::u16string* labelle
   }
   labelled_ = false;
   warnings_.clear();
+  cuts_.clear();
+  hasOpenEnd_ = closedOpenEnd_ = located_ = false;
+  echoedEnd_.clear();
   Engine::Mark mark = engine_.Save();
   Value result;
   bool ok = Call("beginPreTranslate", PreSettings(), &result, error) && Scan(page, "the page", true, error);
@@ -125,10 +214,13 @@ bool TranslationSession::Label(std::u16string_view page, std::u16string* labelle
   }
   if (ok) {
     *labelled = engine_.ToText(result);
+    located_ = LocateLabels(page, *labelled, &places_);
+    if (hasOpenEnd_) CloseOpenEnd(page, cuts_.back().second, openEnd_, labelled);
     page_ = page;
     labelledPage_ = *labelled;
     labelled_ = true;
   }
+  DescribeCuts(page);
   engine_.Release(mark);
   return ok;
 }
@@ -142,6 +234,8 @@ bool TranslationSession::Merge(std::u16string_view output, std::u16string* merge
     *error = "the server's output is too long to merge";
     return false;
   }
+  std::u16string buffer;
+  output = Unclosed(output, &buffer);
   Engine::Mark mark = engine_.Save();
   Value result;
   bool ok = Call("beginPostTranslate", {}, &result, error) && Scan(output, "the server's output", false, error);

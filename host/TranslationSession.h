@@ -8,7 +8,10 @@
 #include <vector>
 
 #include "Engine.h"
+#include "LabelCheck.h"
+#include "PageEnd.h"
 #include "Profile.h"
+#include "Scanner.h"
 
 namespace qzhost {
 
@@ -18,6 +21,12 @@ namespace qzhost {
 // other session may run in between). Every call into the library is
 // checked; a failure message names the script function that failed and, for
 // scanner callbacks, the offset of the item it was given.
+//
+// A page that ends inside a directive is labelled as PageEnd.h describes:
+// the labelled page carries the closing text before its last label, and a
+// server output that hands that closing text back unchanged (a server that
+// leaves the piece as it is) has it taken out again before the check and
+// the merge.
 class TranslationSession {
  public:
   TranslationSession(Engine& engine, const Profile& profile);
@@ -28,15 +37,22 @@ class TranslationSession {
   bool Start(std::string* error);
   bool Label(std::u16string_view page, std::u16string* labelled, std::string* error);
   bool Merge(std::u16string_view output, std::u16string* merged, std::string* error);
-  // What the last Label found cut off by the end of the page, one message
-  // per construct ("line 3: ..."); the page is translated all the same.
-  const std::vector<std::string>& Warnings() const { return warnings_; }
+  // Holds the server's output for the labelled page against its labels
+  // (LabelCheck.h). When the labels could not be found in the labelled page
+  // the report holds one kNoLabels warning that says the check was not made.
+  LabelReport Check(std::u16string_view output) const;
+  // What the last Label found cut off by the end of the page, one warning
+  // per construct; the page is translated all the same.
+  const std::vector<LabelWarning>& Warnings() const { return warnings_; }
 
  private:
   bool Call(const char* name, std::vector<Value> args, Value* result, std::string* error);
   Value StrArray(const std::vector<std::u16string>& texts);
   std::vector<Value> PreSettings();
   bool Scan(std::u16string_view text, const char* what, bool prePass, std::string* error);
+  void CloseOpenEnd(std::u16string_view page, int32_t offset, const OpenEnd& open, std::u16string* labelled);
+  void DescribeCuts(std::u16string_view page);
+  std::u16string_view Unclosed(std::u16string_view output, std::u16string* buffer) const;
 
   Engine& engine_;
   const Profile& profile_;
@@ -44,7 +60,15 @@ class TranslationSession {
   bool labelled_ = false;
   std::u16string page_;
   std::u16string labelledPage_;
-  std::vector<std::string> warnings_;
+  std::vector<LabelWarning> warnings_;
+  // Of the last scan of a page: what its end cut off, and the open directive.
+  std::vector<std::pair<Unfinished, int32_t>> cuts_;
+  bool hasOpenEnd_ = false;
+  OpenEnd openEnd_;
+  bool closedOpenEnd_ = false;    // the closing text went into the labelled page
+  std::u16string echoedEnd_;      // the closing text and the last label, as the labelled page ends
+  bool located_ = false;
+  LabelPlaces places_;
 };
 
 }  // namespace qzhost

@@ -33,6 +33,8 @@ std::string Lock(const std::string& encoded, const std::string& code, const std:
   return "<qz:lock code=\"" + encoded + "\"><qz:invisible>" + code + "</qz:invisible>" + output + "</qz:lock>";
 }
 
+bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
 bool HaveCommand(const std::string& name) { return system(("command -v " + name + " >/dev/null").c_str()) == 0; }
 
 std::u16string Decoded(std::string_view bytes) {
@@ -196,5 +198,52 @@ TEST_F(TranslationSessionTest, UnchangedServerOutputGivesBackGeneratedPages) {
   for (int i = 0; i < 600; ++i) {
     std::string page = generator.Page(), profile = i % 3 == 0 ? "php" : i % 3 == 1 ? "erb" : "asp";
     ASSERT_EQ(Translate(profile, page, true), page) << "page " << i << ", profile " << profile;
+  }
+}
+
+TEST_F(TranslationSessionTest, PagesThatTheEndCutsOffTranslateAndSayWhatBecomesOfTheirCode) {
+  if (!HaveCommand("php") || !HaveCommand("erb")) GTEST_SKIP() << "php or erb is not installed";
+  // A block open at the end is server code up to the end: the server gets
+  // it closed, and the lock keeps the code as the page has it.
+  EXPECT_TRUE(Has(Translate("php", "<?php function get_footer() { echo '<i>f</i>'; } ?><p>x</p>\n<?php get_footer();"),
+                  "<p>x</p>\n" + Lock("%3C?php%20get_footer();", "<?php get_footer();", "<i" + kHilite + ">f</i>")));
+  EXPECT_EQ(Translate("erb", "<p>x</p><%= 6 * 7"), "<p>x</p>" + Lock("%3C%25=%206%20*%207", "<%= 6 * 7", Font("42")));
+  // Other constructs left open that hold server code: the closing label
+  // comes back and the page translates.
+  EXPECT_EQ(Translate("php", "<p>x</p><!-- <?= 'a' ?>"),
+            "<p>x</p>" + Lock("%3C!--%20%3C?=%20'a'%20?%3E", "<!-- <?= 'a' ?>", Font("<!-- a-->")));
+  EXPECT_EQ(Translate("asp", "<p>x</p><!#include", true), "<p>x</p><!#include");
+  EXPECT_EQ(Translate("erb", "<p>x</p><%>x", true), "<p>x</p><%>x");
+
+  // What the warnings say, construct by construct.
+  struct Case {
+    const char* profile;
+    const char* page;
+    const char* says;
+  } cases[] = {
+      {"php", "<p>\n<?php get_footer();", "open-at-end line 2: `<?php get_footer();` is not closed before the end of "
+       "the page; it is taken as one piece of server code up to the end of the page: the server gets it closed with "
+       "`?>`, and the merged page keeps it as written, locked"},
+      {"php", "<p>x</p><!-- note", "open-at-end line 1: `<!-- note` is not closed before the end of the page; it runs "
+       "to the end"},
+      {"php", "<p>\n<p class=\"<?= 1 ?>", "not-labelled line 2: the tag `<p class=\"<?= 1 ?>` has no \">\" before the "
+       "end of the page, so it and all that follows are text; the server code in it (line 2) is not labelled: the "
+       "server runs it, its output comes back as plain, unlocked text, and the code itself is missing from the merged "
+       "page"},
+      {"php", "<script>\nvar a = <?= 1 ?>;", "not-labelled line 1: `<script>...` has no close tag before the end of the "
+       "page, so it and all that follows are text; the server code in it (line 2) is not labelled"},
+      {"asp", "<p>x</p><p class=\"x\"", "open-at-end line 1: the tag `<p class=\"x\"` has no \">\" before the end of "
+       "the page; it and all that follows are kept as text"},
+  };
+  for (const Case& c : cases) {
+    TranslationSession session(engine, *FindProfile(c.profile));
+    std::u16string labelled;
+    std::string error;
+    ASSERT_TRUE(session.Start(&error) && session.Label(Decoded(c.page), &labelled, &error)) << error;
+    ASSERT_EQ(session.Warnings().size(), 1u) << c.page;
+    const LabelWarning& w = session.Warnings()[0];
+    std::string said = std::string(w.kind == Finding::kOpenAtEnd ? "open-at-end" : "not-labelled") + " line " +
+                       std::to_string(w.pageLine) + ": " + w.message;
+    EXPECT_TRUE(Has(said, c.says)) << said;
   }
 }
