@@ -67,6 +67,17 @@ bool AllDigits(std::u16string_view text) {
   return true;
 }
 
+// True when text is exactly label comment n as the library writes it.
+bool IsCommentLabel(std::u16string_view text, int32_t n) {
+  constexpr std::u16string_view kTail = u" -->";
+  size_t digits = kCommentHead.size() + 1;
+  if (text.size() <= digits + kTail.size() || text[digits - 1] != u' ') return false;
+  if (text.substr(text.size() - kTail.size()) != kTail) return false;
+  std::u16string_view number = text.substr(digits, text.size() - kTail.size() - digits);
+  return AllDigits(number) && (number.size() == 1 || number[0] != u'0') && number.size() <= 10 &&
+         ReadDecimal(number, 0).value == n;
+}
+
 // A label found in the output.
 struct Event {
   int32_t number;
@@ -162,6 +173,7 @@ class Checker : public ScanSink {
 
 void Checker::MakePieces() {
   LineCursor lines(page_);
+  report_.pieces.reserve(places_.comments.size() / 2 + 1);
   for (int32_t open = 0; open < Comments(); open += 2) {
     CheckedPiece p;
     p.openLabel = open;
@@ -178,6 +190,7 @@ void Checker::MakeTags() {
   TagCollector collector;
   ScanPage(page_, collector);
   LineCursor lines(page_);
+  report_.tags.reserve(places_.attributes.size());
   size_t t = 0;
   for (int32_t label = 0; label < Attributes(); ++label) {
     size_t place = places_.attributes[static_cast<size_t>(label)];
@@ -218,7 +231,7 @@ bool Checker::Directive(std::u16string_view text, int32_t offset) {
     return true;
   }
   int32_t number = static_cast<int32_t>(n.value);
-  if (text != CommentLabel(static_cast<size_t>(number)))
+  if (!IsCommentLabel(text, number))
     Warn(&forms_, Finding::kMalformedLabel, PieceOf(number).line, at,
          Snippet(text) + " is not written as a label comment, but is read as label " + std::to_string(number) +
              " of " + Named(number));
@@ -242,10 +255,10 @@ bool Checker::Attribute(std::u16string_view name, std::u16string_view value) {
     if (folded != kAttrName) return true;
   }
   size_t at = static_cast<size_t>(name.data() - output_.data());
-  std::string tag = Snippet(output_.substr(tagBegin_, tagNameEnd_ - tagBegin_));
+  auto tag = [&] { return Snippet(output_.substr(tagBegin_, tagNameEnd_ - tagBegin_)); };
   if (!exact) {
     Warn(&forms_, Finding::kMalformedLabel, 0, at,
-         "the attribute " + EncodeUtf8(name) + " of the tag " + tag +
+         "the attribute " + EncodeUtf8(name) + " of the tag " + tag() +
              " is not the label attribute as it was put (qzvx, in small letters); it stays in the merged page");
     return true;
   }
@@ -256,17 +269,17 @@ bool Checker::Attribute(std::u16string_view name, std::u16string_view value) {
                  output_[at + kAttrName.size()] == u'=';
   if (!inPlace)
     Warn(&forms_, Finding::kMovedLabel, line, at,
-         "the label attribute of the tag " + tag +
+         "the label attribute of the tag " + tag() +
              " is not where it was put (right after the tag's name); the library will refuse the merge");
   if (!AllDigits(value)) {
-    std::string what = "the label attribute qzvx=\"" + EncodeUtf8(value) + "\" of the tag " + tag +
+    std::string what = "the label attribute qzvx=\"" + EncodeUtf8(value) + "\" of the tag " + tag() +
                        " is not a number; it is read as label " + std::to_string(n.value);
     what += known ? ", which gives this tag the source attributes of the tag at line " + std::to_string(line)
                   : ", which the page was never given";
     Warn(&forms_, Finding::kMalformedLabel, line, at, what);
   } else if (!known) {
     Warn(&forms_, Finding::kUnknownLabel, 0, at,
-         "the label attribute qzvx=\"" + EncodeUtf8(value) + "\" of the tag " + tag +
+         "the label attribute qzvx=\"" + EncodeUtf8(value) + "\" of the tag " + tag() +
              " carries a number the page was never given; the tag keeps the server's attributes");
   }
   if (!known) return true;
@@ -369,7 +382,7 @@ void Checker::CountOutputs() {
     size_t from = events_[i].end, to = i + 1 < events_.size() ? events_[i + 1].begin : output_.size();
     CheckedPiece& piece = report_.pieces[static_cast<size_t>(n / 2)];
     piece.timesBack++;
-    piece.outputs.push_back({from, to});
+    report_.outputs.push_back({static_cast<size_t>(n / 2), from, to});
     if (!IsBlank(output_.substr(from, to - from))) piece.producedOutput = true;
   }
 }
@@ -426,11 +439,12 @@ bool LocateLabels(std::u16string_view page, std::u16string_view labelled, LabelP
   size_t p = 0, q = 0;
   while (q < labelled.size()) {
     char16_t u = labelled[q];
-    if (u == u'<' && labelled.substr(q, comment.size()) == comment) {
+    char16_t next = q + 1 < labelled.size() ? labelled[q + 1] : u'\0';
+    if (u == u'<' && next == u'!' && labelled.substr(q, comment.size()) == comment) {
       places->comments.push_back(p);
       q += comment.size();
       comment = CommentLabel(places->comments.size());
-    } else if (u == u' ' && labelled.substr(q, attr.size()) == attr) {
+    } else if (u == u' ' && next == u'q' && labelled.substr(q, attr.size()) == attr) {
       places->attributes.push_back(p);
       q += attr.size();
       attr = AttrLabel(places->attributes.size());

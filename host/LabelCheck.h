@@ -21,7 +21,6 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 namespace qzhost {
@@ -74,10 +73,14 @@ struct CheckedPiece {
   std::u16string code;
   int timesBack = 0;            // how often its opening label came back
   bool producedOutput = false;  // something other than white space followed its opening label
-  // The output units that followed each return of its opening label, up to
-  // the next label comment.
-  std::vector<std::pair<size_t, size_t>> outputs;
-  bool codeKept = false;  // the merged page would hold its code
+  bool codeKept = false;        // the merged page would hold its code
+};
+
+// What the server printed after one return of a piece's opening label: the
+// output's units [begin, end), up to the next label comment.
+struct PieceOutput {
+  size_t piece;  // index into LabelReport::pieces
+  size_t begin, end;
 };
 
 // A tag of the page that got a label attribute (an ordinary tag with
@@ -94,6 +97,7 @@ struct CheckedTag {
 struct LabelReport {
   std::vector<CheckedPiece> pieces;
   std::vector<CheckedTag> tags;
+  std::vector<PieceOutput> outputs;  // in the order of the output
   std::vector<LabelWarning> warnings;
 };
 

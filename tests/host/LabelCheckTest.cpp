@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <chrono>
 #include <regex>
 
 #include "Library.h"
@@ -133,4 +134,31 @@ TEST_F(LabelCheckTest, AServerThatPrintsNothingOrIgnoresThePageIsToldPlainly) {
   EXPECT_EQ(Findings(Check("")), "no-output@0" + everyPiece);
   EXPECT_EQ(Findings(Check(" \n")), "no-output@0" + everyPiece);
   EXPECT_EQ(Findings(Check("Hello")), "no-labels@0" + everyPiece);
+}
+
+TEST(LabelCheckSpeedTest, HostileOutputsAreCheckedInLinearTime) {
+  // 20 000 pieces; outputs whose labels come back reversed, all unknown, or
+  // as one long run of opening labels that nothing closes.
+  const size_t n = 20000;
+  std::u16string page, reversed, unknown, openings;
+  LabelPlaces places;
+  for (size_t k = 0; k < n; ++k) {
+    places.comments.push_back(page.size());
+    page += u"<?= 1 ?>";
+    places.comments.push_back(page.size());
+    page += u" ";
+  }
+  auto label = [](size_t k) {
+    std::string text = "<!--QZVX " + std::to_string(k) + " -->";
+    return std::u16string(text.begin(), text.end());
+  };
+  for (size_t k = 2 * n; k-- > 0;) reversed += label(k) + u"x";
+  for (size_t k = 0; k < 2 * n; ++k) unknown += label(2 * n + k);
+  for (size_t k = 0; k < 2 * n; k += 2) openings += label(k) + u"<p>";
+  for (const std::u16string* output : {&reversed, &unknown, &openings}) {
+    auto begin = std::chrono::steady_clock::now();
+    LabelReport report = CheckLabels(page, places, *output, u"<?");
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count(), 2.0);
+    EXPECT_GE(report.warnings.size(), n);
+  }
 }
