@@ -59,94 +59,93 @@ std::string* ValueOf(const std::string& name, Options* o) {
   return nullptr;
 }
 
+// What the parse has seen so far.
+struct ParseState {
+  std::set<std::string> seen;  // options given, -o counted as --output
+  std::string timeout;
+  bool pageSeen = false;
+};
+
+// Takes the option name (with its value inline, or from argv[*i + 1]).
+// Returns false with a message for a mistake.
+bool TakeOption(const std::string& name, const std::string* inlineValue, int argc, char** argv, int* i, Options* o,
+                ParseState* state, std::string* error) {
+  if (!state->seen.insert(name == "-o" ? "--output" : name).second) {
+    *error = name + " is given twice";
+    return false;
+  }
+  if (name == "--strict") {
+    o->strict = true;
+    if (inlineValue) *error = name + " takes no value";
+    return !inlineValue;
+  }
+  std::string* target = name == "--timeout" ? &state->timeout : ValueOf(name, o);
+  if (!inlineValue && *i + 1 >= argc) {
+    *error = name + " needs a value";
+    return false;
+  }
+  *target = inlineValue ? *inlineValue : argv[++*i];
+  if (target->empty()) {
+    *error = name + " needs a value that is not empty";
+    return false;
+  }
+  if (name == "--server") o->hasServer = true;
+  return true;
+}
+
+// Takes a page name; only one is allowed.
+bool TakePage(const std::string& page, Options* o, ParseState* state, std::string* error) {
+  if (state->pageSeen) {
+    *error = "only one page can be translated at a time";
+    return false;
+  }
+  o->page = page;
+  state->pageSeen = true;
+  return true;
+}
+
+// What the options say together.
+bool CheckTogether(const Options& o, const ParseState& state, std::string* error) {
+  if (!state.pageSeen) *error = "no page given";
+  else if (o.hasServer && !o.serverOutput.empty()) *error = "give --server or --server-output, not both";
+  else if (o.page == "-" && o.serverOutput == "-")
+    *error = "the page and the server output cannot both come from standard input";
+  return error->empty();
+}
+
 }  // namespace
 
 bool ParseCommandLine(int argc, char** argv, Options* o, std::string* error) {
-  bool pageSeen = false;
-  std::set<std::string> seen;
-  std::string timeout;
+  ParseState state;
+  error->clear();
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
-    std::string name = arg, inlineValue;
-    bool hasInline = false;
-    if (arg.rfind("--", 0) == 0 && arg.find('=') != std::string::npos) {
-      name = arg.substr(0, arg.find('='));
-      inlineValue = arg.substr(arg.find('=') + 1);
-      hasInline = true;
-    }
+    size_t equals = arg.rfind("--", 0) == 0 ? arg.find('=') : std::string::npos;
+    std::string name = arg.substr(0, equals);
+    std::string inlineValue = equals == std::string::npos ? "" : arg.substr(equals + 1);
     if (name == "-h" || name == "--help" || name == "--version") {
       (name == "--version" ? o->version : o->help) = true;
       return true;
     }
-    std::string* target = name == "--timeout" ? &timeout : ValueOf(name, o);
-    bool isFlag = name == "--strict";
-    if (target || isFlag) {
-      std::string key = name == "-o" ? "--output" : name;
-      if (!seen.insert(key).second) {
-        *error = name + " is given twice";
-        return false;
-      }
-    }
-    if (isFlag) {
-      if (hasInline) {
-        *error = name + " takes no value";
-        return false;
-      }
-      o->strict = true;
-      continue;
-    }
-    if (target) {
-      if (!hasInline && i + 1 >= argc) {
-        *error = name + " needs a value";
-        return false;
-      }
-      *target = hasInline ? inlineValue : argv[++i];
-      if (target->empty()) {
-        *error = name + " needs a value that is not empty";
-        return false;
-      }
-      if (name == "--server") o->hasServer = true;
-      continue;
-    }
-    if (arg == "--") {
-      if (i + 1 < argc && !pageSeen) {
-        o->page = argv[++i];
-        pageSeen = true;
-      }
-      if (i + 1 < argc) {
-        *error = "only one page can be translated at a time";
-        return false;
-      }
-      continue;
-    }
-    if (arg.size() > 1 && arg[0] == '-') {
+    bool ok = true;
+    if (name == "--strict" || name == "--timeout" || ValueOf(name, o)) {
+      ok = TakeOption(name, equals == std::string::npos ? nullptr : &inlineValue, argc, argv, &i, o, &state, error);
+    } else if (arg == "--") {
+      // Whatever follows is the page, even when it begins with "-".
+      for (++i; ok && i < argc; ++i) ok = TakePage(argv[i], o, &state, error);
+    } else if (arg.size() > 1 && arg[0] == '-') {
       *error = "unknown option " + arg;
-      return false;
+      ok = false;
+    } else {
+      ok = TakePage(arg, o, &state, error);
     }
-    if (pageSeen) {
-      *error = "only one page can be translated at a time";
-      return false;
-    }
-    o->page = arg;
-    pageSeen = true;
+    if (!ok) return false;
   }
-  if (!timeout.empty() && !ParseSeconds(timeout, &o->timeoutSeconds)) {
-    *error = "--timeout needs a number of seconds, 0 or more, not " + timeout;
+  if (!state.timeout.empty() && !ParseSeconds(state.timeout, &o->timeoutSeconds)) {
+    *error = "--timeout needs a number of seconds, 0 or more, not " + state.timeout;
     return false;
   }
-  if (!pageSeen) {
-    *error = "no page given";
-    return false;
-  }
-  if (o->hasServer && !o->serverOutput.empty()) {
-    *error = "give --server or --server-output, not both";
-    return false;
-  }
-  if (o->page == "-" && o->serverOutput == "-") {
-    *error = "the page and the server output cannot both come from standard input";
-    return false;
-  }
-  return true;
+  return CheckTogether(*o, state, error);
 }
 
 }  // namespace qzhost

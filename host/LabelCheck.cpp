@@ -171,6 +171,7 @@ class Checker : public ScanSink {
   std::vector<LabelWarning> plain_, forms_, order_, missing_;
 };
 
+// One piece per pair of label places, with its code and page line.
 void Checker::MakePieces() {
   LineCursor lines(page_);
   report_.pieces.reserve(places_.comments.size() / 2 + 1);
@@ -186,7 +187,10 @@ void Checker::MakePieces() {
   }
 }
 
+// One tag per label attribute, found in the page by the place of its label
+// (right after the tag's name).
 void Checker::MakeTags() {
+  if (places_.attributes.empty()) return;
   TagCollector collector;
   ScanPage(page_, collector);
   LineCursor lines(page_);
@@ -209,6 +213,8 @@ void Checker::MakeTags() {
   }
 }
 
+// A label comment as the library reads it ("<!--QZVX", a number), or a
+// directive that hides one.
 bool Checker::Directive(std::u16string_view text, int32_t offset) {
   size_t at = static_cast<size_t>(offset);
   if (text.substr(0, kCommentHead.size()) != kCommentHead) {
@@ -245,6 +251,7 @@ bool Checker::OpenTagBegin(std::u16string_view name, int32_t offset) {
   return true;
 }
 
+// A label attribute: where it stands in its tag and what number it reads as.
 bool Checker::Attribute(std::u16string_view name, std::u16string_view value) {
   if (name.size() != kAttrName.size()) return true;
   bool exact = name == kAttrName;
@@ -288,6 +295,8 @@ bool Checker::Attribute(std::u16string_view name, std::u16string_view value) {
   return true;
 }
 
+// Text the library does not read as markup may still hold a label comment,
+// which is then lost.
 bool Checker::Text(std::u16string_view text, int32_t offset) {
   size_t found = text.find(kCommentHead);
   if (found != std::u16string_view::npos)
@@ -324,6 +333,7 @@ void Checker::CheckOrder() {
   CheckEnd(last);
 }
 
+// An output whose last label is an opening one stops inside that piece.
 void Checker::CheckEnd(int32_t last) {
   if (last < 0 || last % 2 != 0) return;
   size_t at = events_.back().end;
@@ -375,6 +385,7 @@ void Checker::Cover() {
   for (size_t g = 1; g < cover_.size(); ++g) cover_[g] += cover_[g - 1];
 }
 
+// What followed each return of an opening label, up to the next label.
 void Checker::CountOutputs() {
   for (size_t i = 0; i < events_.size(); ++i) {
     int32_t n = events_[i].number;

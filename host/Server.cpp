@@ -101,9 +101,18 @@ bool SetUp(int inPipe[2], int outPipe[2], int errPipe[2], Exchange* ex, std::str
 // why.
 bool Spawn(const std::string& command, const std::string& folder, int inPipe[2], int outPipe[2], int errPipe[2],
            std::string_view input, Exchange* ex, std::string* error) {
+  // Held off until the group is registered, so that an interruption always
+  // finds the server it must end; the child lets them through again.
+  BlockInterrupts();
   pid_t pid = fork();
   if (pid == 0) ExecChild(command.c_str(), folder.c_str(), inPipe[0], outPipe[1], errPipe[1]);
   int forkErr = errno;
+  if (pid > 0) {
+    // Set here too, so that the group exists before anything signals it.
+    setpgid(pid, pid);
+    RegisterServerGroup(pid);
+  }
+  UnblockInterrupts();
   close(inPipe[0]);
   close(outPipe[1]);
   close(errPipe[1]);
@@ -118,16 +127,14 @@ bool Spawn(const std::string& command, const std::string& folder, int inPipe[2],
     *error = std::string("cannot start the server: ") + std::strerror(forkErr);
     return false;
   }
-  // Set here too, so that the group exists before anything signals it.
-  setpgid(pid, pid);
   ex->pid = pid;
-  RegisterServerGroup(pid);
   ex->pidFd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   fcntl(ex->toServer, F_SETFL, fcntl(ex->toServer, F_GETFL) | O_NONBLOCK);
   if (input.empty()) CloseIf(&ex->toServer);
   return true;
 }
 
+// Keeps what the server wrote: all of its output, the tail of its errors.
 void TakeOutput(const char* chunk, size_t n, bool isError, ServerRun* run) {
   if (!isError) {
     run->output.append(chunk, n);

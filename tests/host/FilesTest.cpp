@@ -8,6 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -115,7 +117,8 @@ TEST_F(FilesTest, PipesDevicesAndDescriptorsAreWrittenInPlace) {
 
   // A character device of our own (the null device's numbers).
   if (geteuid() != 0) GTEST_SKIP() << "making a character device needs root";
-  ASSERT_EQ(mknod(Path("null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
+  if (mknod(Path("null").c_str(), S_IFCHR | 0666, makedev(1, 3)) != 0)
+    GTEST_SKIP() << "this system lets no one make a character device: " << std::strerror(errno);
   EXPECT_EQ(Write(Path("null"), "gone"), "");
   EXPECT_TRUE(std::filesystem::is_character_file(Path("null")));
   EXPECT_EQ(Names(), "fifo null ");
