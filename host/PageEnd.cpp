@@ -5,16 +5,6 @@
 namespace qzhost {
 namespace {
 
-// What closes the construct that text begins with, when it is not the
-// profile's own server block.
-std::u16string_view ConstructCloser(std::u16string_view text) {
-  if (text.substr(0, 4) == u"<!--") return u"-->";
-  if (text.substr(0, 9) == u"<![CDATA[") return u"]]>";
-  if (text.substr(0, 2) == u"<%") return u"%>";
-  if (text.substr(0, 2) == u"<?") return u"?>";
-  return u">";
-}
-
 // Offset of the server block still open at the end of text: the first start
 // characters with no end characters after them, as the scanner pairs them;
 // npos when every block is closed.
@@ -39,19 +29,14 @@ bool IsBlank(std::u16string_view text) {
 
 OpenEnd DescribeOpenEnd(std::u16string_view text, std::u16string_view start, std::u16string_view end) {
   OpenEnd open;
-  if (start.empty() || end.empty()) {
-    open.closing = ConstructCloser(text);
-    return open;
-  }
+  if (start.empty() || end.empty()) return open;
   size_t at = OpenBlockAt(text, start, end);
   open.bServerBlockOpen = at != std::u16string_view::npos;
-  if (open.bServerBlockOpen) {
-    open.bHoldsCode = !IsBlank(text.substr(at + start.size()));
-    // A line break first, so that a line comment at the end of the code
-    // cannot swallow the end characters.
-    open.closing = u"\n" + std::u16string(end);
-  }
-  if (at != 0) open.closing += ConstructCloser(text);
+  if (!open.bServerBlockOpen) return open;
+  open.bHoldsCode = !IsBlank(text.substr(at + start.size()));
+  // A line break first, so that a line comment at the end of the code
+  // cannot swallow the end characters.
+  open.closing = u"\n" + std::u16string(end);
   // The library takes a directive as server code when it holds both the
   // start and the end characters; the end ones are written over the last
   // units, where they leave the start ones whole.

@@ -1,14 +1,15 @@
-// A page that ends inside a directive: what is still open there, and how
-// the host closes it in the text the server gets, so that the server gets
-// code it accepts and the closing label after it comes back where the
-// output scan can see it.
+// A page that ends inside a directive: what is still open there, and what
+// the host does so that it translates.
 //
-// The page itself, and so the code that locks carry, is never changed: the
-// library is told the open directive with its last units replaced by the
-// directive end characters (the same length, so every label place stays a
-// place of the page), which makes an open server block server code up to
-// the end of the page; the host then writes the closing text into the
-// labelled page before its last label.
+// The page itself, and so the code that locks carry, is never changed. A
+// server block left open (<?php get_footer(); with no ?>) is made server
+// code up to the end of the page by telling the library the directive with
+// its last units replaced by the directive end characters: the same length,
+// so every label place stays a place of the page. A server that runs such a
+// block as code (PHP) gets it closed before the page's last label, which
+// would otherwise stand inside its code. And the server's output is scanned
+// with that last label apart (ScanOutput), so that a construct left open
+// before it (a comment, <!#include, erb's <%>x) cannot swallow it.
 #ifndef QZHOST_PAGEEND_H
 #define QZHOST_PAGEEND_H
 
@@ -23,7 +24,7 @@ namespace qzhost {
 struct OpenEnd {
   bool bServerBlockOpen = false;  // a server block of the profile is open at the end
   bool bHoldsCode = false;        // that block holds more than its opening characters
-  std::u16string closing;         // closes everything open, for the server: "\n?>", "-->", "\n?>-->", ">"
+  std::u16string closing;         // closes that block for a server that runs it: "\n?>", "\n%>"
   std::u16string reportAs;        // what the library is told instead of the text; empty: the text itself
 };
 

@@ -12,6 +12,8 @@ Profile MakePhp() {
   p.serverCommand = "php -d display_errors=stderr -d log_errors=0";
   p.directiveStart = u"<?";
   p.directiveEnd = u"?>";
+  // PHP needs no closing tag at the end of a file.
+  p.openBlockIsCode = true;
   return p;
 }
 
@@ -37,6 +39,8 @@ Profile MakeAsp() {
   p.ruleNames = {u"runat"};
   p.ruleValues = {u"server"};
   p.ruleNonHtml = {1};
+  // ASP.NET refuses a block left open; closed, it runs as code.
+  p.openBlockIsCode = true;
   // Server controls that render nothing keep their tag form, so the editor
   // still shows something it can select.
   p.lockEmptyPrefixedTags = 0;

@@ -25,6 +25,10 @@ struct Profile {
   std::vector<std::u16string> ruleNames;     // attribute name that makes a tag a server tag
   std::vector<std::u16string> ruleValues;    // ... with this value
   std::vector<int64_t> ruleNonHtml;          // ... and nonzero: its content is not HTML
+  // The server runs a block left open at the end of the page as code up to
+  // the end (PHP does), so it must get the block closed before the page's
+  // last label; false where the server prints such a block as text (ERB).
+  bool openBlockIsCode = false;
 
   // Merge settings (the arguments of endPostTranslate).
   std::u16string lockBeginFormat;            // one %s, which receives the URL-encoded server code

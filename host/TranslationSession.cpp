@@ -89,8 +89,7 @@ std::vector<Value> TranslationSession::PreSettings() {
 bool TranslationSession::Scan(std::u16string_view text, const char* what, bool prePass, std::string* error) {
   std::u16string_view start = prePass ? std::u16string_view(profile_.directiveStart) : std::u16string_view();
   LibrarySink sink(engine_, start, profile_.directiveEnd);
-  std::u16string lastLabel = !prePass && closedOpenEnd_ ? LabelComment(places_.comments.size() - 1) : u"";
-  bool ok = ScanOutput(text, lastLabel, sink);
+  bool ok = ScanOutput(text, prePass ? u"" : LastLabelApart(), sink);
   if (!ok) *error = sink.Failure().empty() ? std::string(what) + " could not be scanned" : sink.Failure();
   if (prePass) {
     cuts_ = sink.Cuts();
@@ -100,18 +99,27 @@ bool TranslationSession::Scan(std::u16string_view text, const char* what, bool p
   return ok;
 }
 
-// When the library took the directive open at the end of the page as a
-// piece of server code (its closing label ends the labelled page), the
-// closing text goes before that label, where the server needs it.
+// Notes whether the library took the directive open at the end of the page
+// as a piece of server code (its closing label then ends the labelled page).
+// If so, and the server runs a block left open as code, the closing text
+// goes before that label, where the server needs it.
 void TranslationSession::CloseOpenEnd(std::u16string_view page, int32_t offset, const OpenEnd& open,
                                       std::u16string* labelled) {
   const std::vector<size_t>& places = places_.comments;
   size_t n = places.size();
-  if (!located_ || n < 2 || places[n - 1] != page.size() || places[n - 2] != static_cast<size_t>(offset)) return;
+  openEndLabelled_ =
+      located_ && n >= 2 && places[n - 1] == page.size() && places[n - 2] == static_cast<size_t>(offset);
+  if (!openEndLabelled_ || !profile_.openBlockIsCode || !open.bServerBlockOpen) return;
   std::u16string last = LabelComment(n - 1);
   labelled->insert(labelled->size() - last.size(), open.closing);
   closedOpenEnd_ = true;
   echoedEnd_ = std::u16string(page.substr(static_cast<size_t>(offset))) + open.closing + last;
+}
+
+// The page's last label, read apart from what comes before it in the
+// server's output (ScanOutput), when the page ends in a piece left open.
+std::u16string TranslationSession::LastLabelApart() const {
+  return openEndLabelled_ ? LabelComment(places_.comments.size() - 1) : u"";
 }
 
 // One warning per construct the end of the page cut off, saying what
@@ -126,11 +134,15 @@ void TranslationSession::DescribeCuts(std::u16string_view page) {
     std::string lost = "; the server code in it (line " + codeLine +
                        ") is not labelled: the server runs it, its output comes back as plain, unlocked text, and "
                        "the code itself is missing from the merged page";
+    std::string piece = snippet + " is not closed before the end of the page; it is taken as one piece of server "
+                                  "code up to the end of the page";
     if (kind == Unfinished::kDirective && closedOpenEnd_) {
       warnings_.push_back({Finding::kOpenAtEnd, line, 0,
-                           snippet + " is not closed before the end of the page; it is taken as one piece of server "
-                                     "code up to the end of the page: the server gets it closed with `" +
-                               ShownClosing(openEnd_.closing) + "`, and the merged page keeps it as written, locked"});
+                           piece + ": the server gets it closed with `" + ShownClosing(openEnd_.closing) +
+                               "`, and the merged page keeps it as written, locked"});
+    } else if (kind == Unfinished::kDirective && openEndLabelled_) {
+      warnings_.push_back({Finding::kOpenAtEnd, line, 0,
+                           piece + ": the merged page keeps it as written, locked, with what the server made of it"});
     } else if (kind == Unfinished::kDirective && hasOpenEnd_ && openEnd_.bHoldsCode) {
       warnings_.push_back({Finding::kNotLabelled, line, 0,
                            snippet + " is not closed before the end of the page, and the library does not take it "
@@ -171,8 +183,7 @@ LabelReport TranslationSession::Check(std::u16string_view output) const {
     return report;
   }
   std::u16string buffer;
-  std::u16string lastLabel = closedOpenEnd_ ? LabelComment(places_.comments.size() - 1) : u"";
-  return CheckLabels(page_, places_, Unclosed(output, &buffer), profile_.directiveStart, lastLabel);
+  return CheckLabels(page_, places_, Unclosed(output, &buffer), profile_.directiveStart, LastLabelApart());
 }
 
 bool TranslationSession::Start(std::string* error) {
@@ -195,7 +206,7 @@ bool TranslationSession::Label(std::u16string_view page, std::u16string* labelle
   labelled_ = false;
   warnings_.clear();
   cuts_.clear();
-  hasOpenEnd_ = closedOpenEnd_ = located_ = false;
+  hasOpenEnd_ = openEndLabelled_ = closedOpenEnd_ = located_ = false;
   echoedEnd_.clear();
   Engine::Mark mark = engine_.Save();
   Value result;

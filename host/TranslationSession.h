@@ -22,11 +22,10 @@ namespace qzhost {
 // checked; a failure message names the script function that failed and, for
 // scanner callbacks, the offset of the item it was given.
 //
-// A page that ends inside a directive is labelled as PageEnd.h describes:
-// the labelled page carries the closing text before its last label, and a
-// server output that hands that closing text back unchanged (a server that
-// leaves the piece as it is) has it taken out again before the check and
-// the merge.
+// A page that ends inside a directive is labelled as PageEnd.h describes.
+// When the labelled page carries closing text before its last label, a
+// server output that hands it back unchanged (a server that leaves the
+// piece as it is) has it taken out again before the check and the merge.
 class TranslationSession {
  public:
   TranslationSession(Engine& engine, const Profile& profile);
@@ -53,6 +52,7 @@ class TranslationSession {
   void CloseOpenEnd(std::u16string_view page, int32_t offset, const OpenEnd& open, std::u16string* labelled);
   void DescribeCuts(std::u16string_view page);
   std::u16string_view Unclosed(std::u16string_view output, std::u16string* buffer) const;
+  std::u16string LastLabelApart() const;
 
   Engine& engine_;
   const Profile& profile_;
@@ -65,6 +65,7 @@ class TranslationSession {
   std::vector<std::pair<Unfinished, int32_t>> cuts_;
   bool hasOpenEnd_ = false;
   OpenEnd openEnd_;
+  bool openEndLabelled_ = false;  // the library made the open directive a piece: the last label follows it
   bool closedOpenEnd_ = false;    // the closing text went into the labelled page
   std::u16string echoedEnd_;      // the closing text and the last label, as the labelled page ends
   bool located_ = false;

@@ -203,15 +203,19 @@ TEST_F(TranslationSessionTest, UnchangedServerOutputGivesBackGeneratedPages) {
 
 TEST_F(TranslationSessionTest, PagesThatTheEndCutsOffTranslateAndSayWhatBecomesOfTheirCode) {
   if (!HaveCommand("php") || !HaveCommand("erb")) GTEST_SKIP() << "php or erb is not installed";
-  // A block open at the end is server code up to the end: the server gets
-  // it closed, and the lock keeps the code as the page has it.
+  // A block open at the end is server code up to the end, kept in a lock
+  // as the page has it: php, which runs it as code, gets it closed; erb,
+  // which prints it as text, gets it as it stands.
   EXPECT_TRUE(Has(Translate("php", "<?php function get_footer() { echo '<i>f</i>'; } ?><p>x</p>\n<?php get_footer();"),
                   "<p>x</p>\n" + Lock("%3C?php%20get_footer();", "<?php get_footer();", "<i" + kHilite + ">f</i>")));
-  EXPECT_EQ(Translate("erb", "<p>x</p><%= 6 * 7"), "<p>x</p>" + Lock("%3C%25=%206%20*%207", "<%= 6 * 7", Font("42")));
-  // Other constructs left open that hold server code: the closing label
-  // comes back and the page translates.
+  EXPECT_EQ(Translate("php", "<p>x</p><!-- <?php echo 'a';"),
+            "<p>x</p>" + Lock("%3C!--%20%3C?php%20echo%20'a';", "<!-- <?php echo 'a';", Font("<!-- a")));
+  EXPECT_EQ(Translate("erb", "<p>x</p><%= 6 * 7"), "<p>x</p>" + Lock("%3C%25=%206%20*%207", "<%= 6 * 7", Font(" 6 * 7")));
+  // Other constructs left open that hold server code: the last label comes
+  // back after them and the page translates.
   EXPECT_EQ(Translate("php", "<p>x</p><!-- <?= 'a' ?>"),
-            "<p>x</p>" + Lock("%3C!--%20%3C?=%20'a'%20?%3E", "<!-- <?= 'a' ?>", Font("<!-- a-->")));
+            "<p>x</p>" + Lock("%3C!--%20%3C?=%20'a'%20?%3E", "<!-- <?= 'a' ?>", Font("<!-- a")));
+  EXPECT_EQ(Translate("erb", "<p>x</p><%>x"), "<p>x</p>" + Lock("%3C%25%3Ex", "<%>x", Font(">x")));
   EXPECT_EQ(Translate("asp", "<p>x</p><!#include", true), "<p>x</p><!#include");
   EXPECT_EQ(Translate("erb", "<p>x</p><%>x", true), "<p>x</p><%>x");
 
@@ -224,6 +228,9 @@ TEST_F(TranslationSessionTest, PagesThatTheEndCutsOffTranslateAndSayWhatBecomesO
       {"php", "<p>\n<?php get_footer();", "open-at-end line 2: `<?php get_footer();` is not closed before the end of "
        "the page; it is taken as one piece of server code up to the end of the page: the server gets it closed with "
        "`?>`, and the merged page keeps it as written, locked"},
+      {"erb", "<p>\n<%= 6 * 7", "open-at-end line 2: `<%= 6 * 7` is not closed before the end of the page; it is "
+       "taken as one piece of server code up to the end of the page: the merged page keeps it as written, locked, "
+       "with what the server made of it"},
       {"php", "<p>x</p><!-- note", "open-at-end line 1: `<!-- note` is not closed before the end of the page; it runs "
        "to the end"},
       {"php", "<p>\n<p class=\"<?= 1 ?>", "not-labelled line 2: the tag `<p class=\"<?= 1 ?>` has no \">\" before the "
