@@ -40,11 +40,14 @@ double Now() {
 }
 
 // In the child: a process group of its own, the signals as the command found
-// them, the pipes on 0, 1 and 2, the folder, then the shell. Only
+// them, an end with the command should it die without ending the group
+// (SIGKILL), the pipes on 0, 1 and 2, the folder, then the shell. Only
 // async-signal-safe calls, since the parent may have threads.
-[[noreturn]] void ExecChild(const char* command, const char* folder, int in, int out, int err) {
+[[noreturn]] void ExecChild(const char* command, const char* folder, pid_t parent, int in, int out, int err) {
   setpgid(0, 0);
   RestoreInterruptDefaults();
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(127);
   signal(SIGPIPE, SIG_DFL);
   if (dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(127);
   if (chdir(folder) != 0) {
@@ -104,8 +107,9 @@ bool Spawn(const std::string& command, const std::string& folder, int inPipe[2],
   // Held off until the group is registered, so that an interruption always
   // finds the server it must end; the child lets them through again.
   BlockInterrupts();
+  pid_t parent = getpid();
   pid_t pid = fork();
-  if (pid == 0) ExecChild(command.c_str(), folder.c_str(), inPipe[0], outPipe[1], errPipe[1]);
+  if (pid == 0) ExecChild(command.c_str(), folder.c_str(), parent, inPipe[0], outPipe[1], errPipe[1]);
   int forkErr = errno;
   if (pid > 0) {
     // Set here too, so that the group exists before anything signals it.
