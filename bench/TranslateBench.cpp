@@ -8,7 +8,7 @@
 
 #include "Engine.h"
 #include "Main.h"
-#include "Translator.h"
+#include "TranslationSession.h"
 
 namespace {
 

@@ -1,49 +1,41 @@
+// Reading inputs and writing outputs for the translate command.
+//
+// Rules local to this file: a temporary file is registered for removal on
+// interruption in the same step that creates it, and forgotten in the same
+// step that renames it, with the interrupt signals held off in between.
 #include "Files.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
+#include "Cleanup.h"
+
 namespace qzhost {
+namespace {
 
-static std::string Reason(const std::string& path, int err) { return path + ": " + std::strerror(err); }
+std::string Reason(const std::string& path, int err) { return path + ": " + std::strerror(err); }
 
-bool ReadWholeFile(const std::string& path, std::string* bytes, std::string* error) {
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    *error = Reason(path, errno);
-    return false;
-  }
-  bytes->clear();
+bool ReadAll(int fd, const std::string& path, std::string* bytes, std::string* error) {
   char chunk[65536];
   for (;;) {
     ssize_t got = read(fd, chunk, sizeof chunk);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) {
       *error = Reason(path, errno);
-      close(fd);
       return false;
     }
-    if (got == 0) break;
+    if (got == 0) return true;
     bytes->append(chunk, static_cast<size_t>(got));
   }
-  close(fd);
-  return true;
-}
-
-std::string FolderOf(const std::string& path) {
-  size_t slash = path.find_last_of('/');
-  if (slash == std::string::npos) return ".";
-  if (slash == 0) return "/";
-  return path.substr(0, slash);
 }
 
 // Writes all bytes; returns 0 or the error that stopped it.
-static int WriteAll(int fd, std::string_view bytes) {
+int WriteAll(int fd, std::string_view bytes) {
   size_t done = 0;
   while (done < bytes.size()) {
     ssize_t put = write(fd, bytes.data() + done, bytes.size() - done);
@@ -55,35 +47,194 @@ static int WriteAll(int fd, std::string_view bytes) {
   return 0;
 }
 
-bool WriteWholeFile(const std::string& path, std::string_view bytes, std::string* error) {
-  std::string pattern = path + ".XXXXXX";
-  std::vector<char> temp(pattern.begin(), pattern.end());
-  temp.push_back('\0');
-  int fd = mkostemp(temp.data(), O_CLOEXEC);
+// The descriptor a path names by itself (/dev/stdout, /dev/fd/3,
+// /proc/self/fd/3), or -1.
+int DescriptorOf(const std::string& path) {
+  if (path == "/dev/stdin") return 0;
+  if (path == "/dev/stdout") return 1;
+  if (path == "/dev/stderr") return 2;
+  for (const char* prefix : {"/dev/fd/", "/proc/self/fd/"}) {
+    size_t n = std::strlen(prefix);
+    if (path.compare(0, n, prefix) != 0 || path.size() == n || path.size() > n + 9) continue;
+    if (path.find_first_not_of("0123456789", n) != std::string::npos) continue;
+    return std::atoi(path.c_str() + n);
+  }
+  return -1;
+}
+
+// The target of the link at path, relative to the link's own folder.
+bool FollowLink(const std::string& path, std::string* next, std::string* error) {
+  std::vector<char> buffer(4096);
+  ssize_t n = readlink(path.c_str(), buffer.data(), buffer.size());
+  if (n < 0 || static_cast<size_t>(n) >= buffer.size()) {
+    *error = Reason(path, n < 0 ? errno : ENAMETOOLONG);
+    return false;
+  }
+  std::string target(buffer.data(), static_cast<size_t>(n));
+  *next = target[0] == '/' ? target : FolderOf(path) + "/" + target;
+  return true;
+}
+
+bool WriteToDescriptor(const OutputTarget& target, std::string_view bytes, std::string* error) {
+  int err = WriteAll(target.fd, bytes);
+  if (err == 0) return true;
+  *error = Reason(target.given, err);
+  return false;
+}
+
+bool WriteInPlace(const OutputTarget& target, std::string_view bytes, std::string* error) {
+  int fd = open(target.path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) {
+    *error = Reason(target.given, errno);
+    return false;
+  }
+  int err = WriteAll(fd, bytes);
+  if (close(fd) != 0 && err == 0 && errno != EINTR) err = errno;
+  if (err == 0) return true;
+  *error = Reason(target.given, err);
+  return false;
+}
+
+// Permission bits for a new file: 0666 less the umask, which can only be
+// read by setting it.
+mode_t NewFileMode() {
+  mode_t mask = umask(0);
+  umask(mask);
+  return 0666 & ~mask;
+}
+
+// Creates and registers the temporary file beside path; -1 with errno set.
+int MakeTemporary(const std::string& path, std::vector<char>* temp) {
+  std::string pattern = FolderOf(path) + "/.qzXXXXXX";
+  temp->assign(pattern.begin(), pattern.end());
+  temp->push_back('\0');
+  BlockInterrupts();
+  int fd = mkostemp(temp->data(), O_CLOEXEC);
+  if (fd >= 0 && !RegisterTempFile(temp->data())) {
+    unlink(temp->data());
+    close(fd);
+    fd = -1;
+    errno = ENAMETOOLONG;
+  }
+  UnblockInterrupts();
+  return fd;
+}
+
+// Replaces the regular file at path (or creates it) through a temporary
+// file; messages name it as shown.
+bool ReplaceFile(const std::string& path, const std::string& shown, std::string_view bytes, std::string* error) {
+  std::vector<char> temp;
+  int fd = MakeTemporary(path, &temp);
+  if (fd < 0) {
+    *error = Reason(shown, errno);
+    return false;
+  }
+  struct stat st;
+  bool replacing = stat(path.c_str(), &st) == 0;
+  int err = fchmod(fd, replacing ? st.st_mode & 07777 : NewFileMode()) != 0 ? errno : 0;
+  if (err == 0 && replacing && (st.st_uid != geteuid() || st.st_gid != getegid())) {
+    // Only a privileged command may give the file back its owner; others
+    // own the new file, as they would any file they create.
+    int ignored = fchown(fd, st.st_uid, st.st_gid);
+    (void)ignored;
+  }
+  if (err == 0) err = WriteAll(fd, bytes);
+  if (err == 0 && fsync(fd) != 0) err = errno;
+  if (close(fd) != 0 && err == 0) err = errno;
+  BlockInterrupts();
+  if (err == 0 && rename(temp.data(), path.c_str()) != 0) err = errno;
+  if (err != 0) unlink(temp.data());
+  ForgetTempFile(temp.data());
+  UnblockInterrupts();
+  if (err == 0) return true;
+  *error = Reason(shown, err);
+  return false;
+}
+
+}  // namespace
+
+bool ReadWholeFile(const std::string& path, std::string* bytes, std::string* error) {
+  bytes->clear();
+  if (path == "-") return ReadAll(0, "standard input", bytes, error);
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     *error = Reason(path, errno);
     return false;
   }
-  mode_t mode;
-  struct stat st;
-  if (stat(path.c_str(), &st) == 0) {
-    mode = st.st_mode & 07777;
-  } else {
-    mode_t mask = umask(0);
-    umask(mask);
-    mode = 0666 & ~mask;
+  bool ok = ReadAll(fd, path, bytes, error);
+  close(fd);
+  return ok;
+}
+
+std::string FolderOf(const std::string& path) {
+  size_t slash = path.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+bool ResolveOutput(const std::string& given, OutputTarget* target, std::string* error) {
+  *target = OutputTarget();
+  target->given = given == "-" ? "standard output" : given;
+  std::string path = given;
+  // As many links as the system itself follows in one lookup.
+  for (int hops = 0; hops < 40; ++hops) {
+    int fd = given == "-" ? 1 : DescriptorOf(path);
+    if (fd >= 0) {
+      if (fstat(fd, &target->st) != 0) {
+        *error = Reason(target->given, errno);
+        return false;
+      }
+      target->kind = OutputTarget::Kind::kDescriptor;
+      target->fd = fd;
+      target->exists = true;
+      return true;
+    }
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0) {
+      int err = errno;
+      // A new file needs its folder; found out now, before anything runs.
+      struct stat folder;
+      if (err == ENOENT) err = stat(FolderOf(path).c_str(), &folder) != 0 ? errno : S_ISDIR(folder.st_mode) ? 0 : ENOTDIR;
+      if (err != 0) {
+        *error = Reason(target->given, err);
+        return false;
+      }
+      target->path = path;
+      return true;
+    }
+    if (S_ISLNK(st.st_mode)) {
+      if (!FollowLink(path, &path, error)) return false;
+      continue;
+    }
+    if (S_ISDIR(st.st_mode)) {
+      *error = Reason(target->given, EISDIR);
+      return false;
+    }
+    target->kind = S_ISREG(st.st_mode) ? OutputTarget::Kind::kFile : OutputTarget::Kind::kInPlace;
+    target->path = path;
+    target->exists = true;
+    target->st = st;
+    return true;
   }
-  int err = fchmod(fd, mode) != 0 ? errno : 0;
-  if (err == 0) err = WriteAll(fd, bytes);
-  if (err == 0 && fsync(fd) != 0) err = errno;
-  if (close(fd) != 0 && err == 0) err = errno;
-  if (err == 0 && rename(temp.data(), path.c_str()) != 0) err = errno;
-  if (err != 0) {
-    unlink(temp.data());
-    *error = Reason(path, err);
-    return false;
+  *error = Reason(target->given, ELOOP);
+  return false;
+}
+
+bool WriteOutput(const OutputTarget& target, std::string_view bytes, std::string* error) {
+  switch (target.kind) {
+    case OutputTarget::Kind::kDescriptor:
+      return WriteToDescriptor(target, bytes, error);
+    case OutputTarget::Kind::kInPlace:
+      return WriteInPlace(target, bytes, error);
+    case OutputTarget::Kind::kFile:
+      break;
   }
-  return true;
+  return ReplaceFile(target.path, target.given, bytes, error);
+}
+
+bool WriteWholeFile(const std::string& path, std::string_view bytes, std::string* error) {
+  return ReplaceFile(path, path, bytes, error);
 }
 
 }  // namespace qzhost

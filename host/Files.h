@@ -1,22 +1,59 @@
-// Whole-file reading and all-or-nothing writing for the translate command.
+// Whole-file reading, and writing output that never harms a file: links are
+// followed to their target, a regular file is replaced whole or not at all,
+// anything else (a pipe, a device, a terminal, a descriptor) is written in
+// place.
 #ifndef QZHOST_FILES_H
 #define QZHOST_FILES_H
+
+#include <sys/stat.h>
 
 #include <string>
 #include <string_view>
 
 namespace qzhost {
 
-// Reads the whole file. On failure returns false with a message naming the
-// path and the system's reason; *bytes then holds what was read before.
+// Reads the whole file ("-": standard input). On failure returns false with
+// a message naming the path and the system's reason; *bytes then holds what
+// was read before.
 bool ReadWholeFile(const std::string& path, std::string* bytes, std::string* error);
 
-// Replaces the file at path with bytes, or leaves it as it was: the bytes go
-// to a new file in the same folder, which is renamed over path only once it
-// is complete. A new file gets the usual permissions (0666 less the umask),
-// an existing one keeps its own. On failure returns false with a message, and
-// no temporary file is left behind.
+// Where an output goes, found before anything is written.
+struct OutputTarget {
+  enum class Kind {
+    kDescriptor,  // an open descriptor: "-", /dev/stdout, /dev/fd/N, ...
+    kFile,        // a regular file, or none yet: replaced whole
+    kInPlace,     // a pipe, device or socket: written as it is
+  };
+  Kind kind = Kind::kFile;
+  std::string given;  // the name on the command line, for messages
+  std::string path;   // with every symbolic link followed (kFile, kInPlace)
+  int fd = -1;        // kDescriptor
+  bool exists = false;
+  struct stat st = {};  // when exists
+};
+
+// Finds where given leads: "-" is standard output; /dev/stdout, /dev/stderr,
+// /dev/fd/N and /proc/self/fd/N are that descriptor; symbolic links are
+// followed (also dangling ones, whose target is then created). Fails with a
+// message for a directory, a descriptor that is not open, and a chain of
+// links that does not end.
+bool ResolveOutput(const std::string& given, OutputTarget* target, std::string* error);
+
+// Writes bytes to the target. A regular file is written under a short
+// temporary name in its own folder and renamed over the path once complete,
+// keeping the permission bits (and, where the system allows, the owner) of
+// the file it replaces; a new one gets 0666 less the umask. Other targets
+// are written in place. On failure returns false with a message, and no
+// temporary file is left behind, also when the command is interrupted
+// (Cleanup.h).
+bool WriteOutput(const OutputTarget& target, std::string_view bytes, std::string* error);
+
+// Replaces the file at path with bytes, or leaves it as it was (a regular
+// file target of WriteOutput).
 bool WriteWholeFile(const std::string& path, std::string_view bytes, std::string* error);
+
+// True when both name the same file (same device and inode).
+inline bool SameFile(const struct stat& a, const struct stat& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
 
 // Folder that holds path ("." for a bare file name).
 std::string FolderOf(const std::string& path);

@@ -1,8 +1,13 @@
 #include "Library.h"
 
 #include <dlfcn.h>
+#include <elf.h>
+#include <link.h>
 #include <limits.h>
+#include <stdlib.h>
 #include <unistd.h>
+
+#include <cstring>
 
 namespace qzhost {
 
@@ -48,6 +53,59 @@ std::string DefaultLibraryPath() {
   std::string path(exe, static_cast<size_t>(n));
   size_t slash = path.find_last_of('/');
   return path.substr(0, slash + 1) + "libServerTranslator.so";
+}
+
+namespace {
+
+struct BuildIdSearch {
+  std::string path;  // the library's real path
+  std::string id;
+};
+
+std::string RealPath(const char* path) {
+  char* real = realpath(path, nullptr);
+  if (!real) return "";
+  std::string result(real);
+  free(real);
+  return result;
+}
+
+// The GNU build-ID note among the object's loaded note segments.
+int FindBuildId(struct dl_phdr_info* info, size_t, void* data) {
+  auto* search = static_cast<BuildIdSearch*>(data);
+  if (!info->dlpi_name || !*info->dlpi_name || RealPath(info->dlpi_name) != search->path) return 0;
+  for (int i = 0; i < info->dlpi_phnum; ++i) {
+    const ElfW(Phdr)& ph = info->dlpi_phdr[i];
+    if (ph.p_type != PT_NOTE) continue;
+    const char* p = reinterpret_cast<const char*>(info->dlpi_addr + ph.p_vaddr);
+    const char* end = p + ph.p_memsz;
+    while (p + sizeof(ElfW(Nhdr)) <= end) {
+      ElfW(Nhdr) note;
+      std::memcpy(&note, p, sizeof note);
+      const char* name = p + sizeof note;
+      const char* desc = name + ((note.n_namesz + 3) & ~3u);
+      if (note.n_type == NT_GNU_BUILD_ID && note.n_namesz == 4 && std::memcmp(name, "GNU", 4) == 0) {
+        static const char kHex[] = "0123456789abcdef";
+        for (size_t k = 0; k < note.n_descsz; ++k) {
+          unsigned char b = static_cast<unsigned char>(desc[k]);
+          search->id += kHex[b >> 4];
+          search->id += kHex[b & 15];
+        }
+        return 1;
+      }
+      p = desc + ((note.n_descsz + 3) & ~3u);
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::string LibraryBuildId(const std::string& path) {
+  BuildIdSearch search{RealPath(path.c_str()), ""};
+  if (search.path.empty()) return "";
+  dl_iterate_phdr(FindBuildId, &search);
+  return search.id;
 }
 
 }  // namespace qzhost

@@ -26,6 +26,11 @@ bool LoadTranslatorLibrary(const std::string& path, Engine& engine, std::string*
 // libServerTranslator.so in the folder of the running executable.
 std::string DefaultLibraryPath();
 
+// The build ID (hex) of the loaded library at path, which tells one build
+// from another since the library carries no version number; empty when the
+// library is not loaded or has none.
+std::string LibraryBuildId(const std::string& path);
+
 }  // namespace qzhost
 
 #endif

@@ -12,7 +12,7 @@
 #include <random>
 
 #include "PreviewAssets.h"
-#include "Translator.h"
+#include "Profile.h"
 #include "Utf8.h"
 
 namespace qzhost {

@@ -12,23 +12,40 @@ namespace qzhost {
 struct ServerRun {
   int exitStatus = -1;  // the exit status, or -1 when a signal ended it
   int signal = 0;       // the signal that ended it, or 0
+  bool timedOut = false;       // the time limit ended it (signal then tells how)
+  bool stoppedLeftovers = false;  // processes it left running in its group were ended
   std::string output;   // everything it wrote to standard output
   std::string errors;   // the tail of what it wrote to standard error (at most kErrorTail bytes)
   size_t errorBytes = 0;  // how much it wrote to standard error in all
-  bool Succeeded() const { return exitStatus == 0; }
+  bool Succeeded() const { return exitStatus == 0 && !timedOut; }
 };
 
 constexpr size_t kErrorTail = 64 * 1024;
 
-// Runs command with /bin/sh -c in the given folder, writing input to its
-// standard input (closed after the last byte) while reading its standard
-// output and error, so that a server which answers before it has read
-// everything cannot stall the exchange. A server that stops reading early
-// does not fail the run by itself; its exit status tells. Waits for it to
-// end. Returns false only when the command could not be started (the message
-// says why); a command that ran and failed returns true with its status.
+// How long a server may run.
+struct ServerLimits {
+  double timeoutSeconds = 0;  // 0: no limit
+  double graceSeconds = 1;    // between SIGTERM and SIGKILL
+};
+
+// Runs command with /bin/sh -c in the given folder, in a process group of
+// its own, writing input to its standard input (closed after the last byte)
+// while reading its standard output and error, so that a server which
+// answers before it has read everything cannot stall the exchange. A server
+// that stops reading early does not fail the run by itself; its exit status
+// tells.
+//
+// The run ends when the server's own process has exited: what it wrote is
+// read to the end, and whatever it left running in its group (a background
+// child holding the output open) is ended, not waited for. When the time
+// limit passes first, the whole group gets SIGTERM, then SIGKILL after the
+// grace, and timedOut is set. While it runs, the group is registered for the
+// interrupt handlers (Cleanup.h).
+//
+// Returns false only when the command could not be started (the message says
+// why); a command that ran and failed returns true with its status.
 bool RunServer(const std::string& command, const std::string& folder, std::string_view input, ServerRun* run,
-               std::string* error);
+               std::string* error, const ServerLimits& limits = {});
 
 // The last lines of a server's standard error, at most maxBytes long, for a
 // message; whole lines where possible.

@@ -3,21 +3,26 @@
 // host loads it.
 //
 // Exit status: 0 on success, 1 when the translation fails (the message on
-// standard error says which step and why), 2 for a wrong command line.
-// Nothing is written to the output until the merged page is complete, and an
-// output file is replaced whole or not at all.
+// standard error says which step and why), 2 for a wrong command line,
+// 128 + N when signal N (SIGINT, SIGTERM, SIGHUP) interrupted it. Outputs are
+// written only once everything they depend on has succeeded, each whole or
+// not at all; an output that is the page or the server output itself is
+// refused before anything runs.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
+#include "Cleanup.h"
+#include "CommandLine.h"
 #include "Engine.h"
 #include "Files.h"
 #include "Library.h"
 #include "Preview.h"
 #include "PreviewPieces.h"
 #include "Server.h"
-#include "Translator.h"
+#include "TranslationSession.h"
 #include "Utf8.h"
 
 namespace {
@@ -27,237 +32,274 @@ using namespace qzhost;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
-const char kUsage[] =
-    "usage: qztranslate [--profile NAME] [--server CMD | --server-output FILE]\n"
-    "                   [--labelled FILE] [--preview FILE] [-o OUT] [--library PATH] PAGE\n"
-    "\n"
-    "Translates the server page PAGE (UTF-8) and writes the merged page, UTF-8,\n"
-    "to OUT or standard output.\n"
-    "\n"
-    "  --profile NAME        php, erb or asp; guessed from PAGE's extension when absent\n"
-    "  --server CMD          run CMD (through /bin/sh, in PAGE's folder) with the labelled\n"
-    "                        page on its standard input; its standard output is merged\n"
-    "  --server-output FILE  merge FILE, the output of the labelled page made elsewhere\n"
-    "  --labelled FILE       also write the labelled page to FILE; without --server or\n"
-    "                        --server-output, stop there\n"
-    "  --preview FILE        also write FILE, an HTML page that shows the merged page\n"
-    "                        with its locks beside a list of the page's server code\n"
-    "  -o, --output OUT      write the merged page to OUT instead of standard output\n"
-    "  --library PATH        the translator library to load (default:\n"
-    "                        libServerTranslator.so beside qztranslate)\n"
-    "\n"
-    "Without --server, --server-output or --labelled, the profile's own server runs\n"
-    "(php: php, erb: erb -T -; asp has none).\n";
-
-struct Options {
-  std::string profile;
-  std::string server;
-  bool hasServer = false;
-  std::string serverOutput;
-  std::string labelled;
-  std::string preview;
-  std::string output;
-  std::string library;
-  std::string page;
-};
-
 int Fail(const std::string& message) {
   std::fprintf(stderr, "qztranslate: %s\n", message.c_str());
   return kExitFailed;
 }
 
 int UsageError(const std::string& message) {
-  std::fprintf(stderr, "qztranslate: %s\n%s", message.c_str(), kUsage);
+  std::fprintf(stderr, "qztranslate: %s\nTry 'qztranslate --help' for more information.\n", message.c_str());
   return kExitUsage;
 }
 
-// Parses the command line; returns -1 when the command should go on, else
-// the exit status.
-int ParseOptions(int argc, char** argv, Options* o) {
-  bool pageSeen = false;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    std::string* target = nullptr;
-    std::string name = arg, inlineValue;
-    bool hasInline = false;
-    if (arg.rfind("--", 0) == 0 && arg.find('=') != std::string::npos) {
-      name = arg.substr(0, arg.find('='));
-      inlineValue = arg.substr(arg.find('=') + 1);
-      hasInline = true;
-    }
-    if (name == "-h" || name == "--help") {
-      std::fputs(kUsage, stdout);
-      return 0;
-    }
-    if (name == "--profile") {
-      target = &o->profile;
-    } else if (name == "--server") {
-      target = &o->server;
-      o->hasServer = true;
-    } else if (name == "--server-output") {
-      target = &o->serverOutput;
-    } else if (name == "--labelled") {
-      target = &o->labelled;
-    } else if (name == "--preview") {
-      target = &o->preview;
-    } else if (name == "-o" || name == "--output") {
-      target = &o->output;
-    } else if (name == "--library") {
-      target = &o->library;
-    }
-    if (target) {
-      if (!hasInline && i + 1 >= argc) return UsageError(name + " needs a value");
-      *target = hasInline ? inlineValue : argv[++i];
-      if (target->empty()) return UsageError(name + " needs a value that is not empty");
-      continue;
-    }
-    if (arg == "--") {
-      if (i + 1 < argc && !pageSeen) {
-        o->page = argv[++i];
-        pageSeen = true;
-      }
-      if (i + 1 < argc) return UsageError("only one page can be translated at a time");
-      continue;
-    }
-    if (arg.size() > 1 && arg[0] == '-') return UsageError("unknown option " + arg);
-    if (pageSeen) return UsageError("only one page can be translated at a time");
-    o->page = arg;
-    pageSeen = true;
-  }
-  if (!pageSeen) return UsageError("no page given");
-  if (o->hasServer && !o->serverOutput.empty()) return UsageError("give --server or --server-output, not both");
-  if (!o->preview.empty() && (o->preview == o->output || o->preview == o->labelled))
-    return UsageError("--preview needs a file of its own");
-  return -1;
-}
-
-// Reads a UTF-8 file into UTF-16; what names it in messages is what.
-bool ReadText(const std::string& path, const std::string& what, std::u16string* text, std::string* error) {
-  std::string bytes;
-  if (!ReadWholeFile(path, &bytes, error)) {
-    *error = "cannot read " + what + " " + *error;
-    return false;
-  }
+// Decodes UTF-8 bytes into UTF-16; what names them in messages.
+bool Decode(const std::string& bytes, const std::string& what, std::u16string* text, std::string* error) {
   size_t at = 0;
   switch (DecodeUtf8(bytes, text, &at)) {
     case Utf8Error::kNone:
       return true;
     case Utf8Error::kInvalid:
-      *error = what + " " + path + " is not valid UTF-8: bad byte sequence at byte offset " + std::to_string(at) +
-               " (line " + std::to_string(LineOfByte(bytes, at)) + ")";
+      *error = what + " is not valid UTF-8: bad byte sequence at byte offset " + std::to_string(at) + " (line " +
+               std::to_string(LineOfByte(bytes, at)) + ")";
       return false;
     case Utf8Error::kNul:
-      *error = what + " " + path + " holds a NUL character at byte offset " + std::to_string(at) + " (line " +
+      *error = what + " holds a NUL character at byte offset " + std::to_string(at) + " (line " +
                std::to_string(LineOfByte(bytes, at)) + "), which a page cannot hold";
       return false;
   }
   return false;
 }
 
-bool WriteOut(const std::string& path, std::string_view bytes, std::string* error) {
-  if (path.empty() || path == "-") {
-    if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() || std::fflush(stdout) != 0) {
-      *error = std::string("cannot write the merged page to standard output: ") + std::strerror(errno);
-      return false;
-    }
-    return true;
-  }
-  if (!WriteWholeFile(path, bytes, error)) {
-    *error = "cannot write " + *error;
+// Reads a UTF-8 file ("-": standard input) into UTF-16.
+bool ReadText(const std::string& path, const std::string& what, std::u16string* text, std::string* error) {
+  std::string bytes;
+  if (!ReadWholeFile(path, &bytes, error)) {
+    *error = "cannot read " + what + " " + *error;
     return false;
   }
-  return true;
+  return Decode(bytes, what + " " + (path == "-" ? "on standard input" : path), text, error);
 }
 
-std::string DescribeFailedServer(const std::string& command, const ServerRun& run) {
+std::string DescribeFailedServer(const std::string& command, double timeout, const ServerRun& run) {
   std::string message = "the server `" + command + "` ";
-  if (run.signal) message += "was killed by signal " + std::to_string(run.signal) + " (" + strsignal(run.signal) + ")";
-  else if (run.exitStatus == 127) message += "could not be run (exit status 127: command not found?)";
-  else message += "failed with exit status " + std::to_string(run.exitStatus);
+  if (run.timedOut) {
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%g", timeout);
+    message += std::string("did not finish within the time limit of ") + seconds +
+               " seconds (--timeout) and was stopped";
+  } else if (run.signal) {
+    message += "was killed by signal " + std::to_string(run.signal) + " (" + strsignal(run.signal) + ")";
+  } else if (run.exitStatus == 127) {
+    message += "could not be run (exit status 127: command not found?)";
+  } else {
+    message += "failed with exit status " + std::to_string(run.exitStatus);
+  }
   std::string tail = ErrorTail(run.errors);
   if (tail.empty()) return message + "; it wrote nothing to its standard error";
   return message + "; its standard error ends with:\n" + tail;
 }
 
-int Translate(const Options& o) {
+// What the command was asked to do, settled before anything is read.
+struct Plan {
   const Profile* profile = nullptr;
+  std::string serverCommand;  // empty: the server output comes from a file
+  bool labelOnly = false;     // --labelled alone: no server, no merge
+  OutputTarget merged, labelled, preview;
+  bool writesLabelled = false;
+  bool writesPreview = false;
+};
+
+// Picks the profile and the server. Returns -1 to go on, else the exit
+// status. The asp profile has no server of its own.
+int PlanServer(const Options& o, Plan* plan) {
   if (!o.profile.empty()) {
-    profile = FindProfile(o.profile);
-    if (!profile) return UsageError("unknown profile " + o.profile + " (known: php, erb, asp)");
+    plan->profile = FindProfile(o.profile);
+    if (!plan->profile) return UsageError("unknown profile " + o.profile + " (known: php, erb, asp)");
+  } else if (o.page == "-") {
+    return UsageError("a page read from standard input needs --profile php, erb or asp");
   } else {
-    profile = ProfileForPath(o.page);
-    if (!profile) return UsageError("cannot tell the profile from the name " + o.page + "; give --profile php, erb or asp");
+    plan->profile = ProfileForPath(o.page);
+    if (!plan->profile)
+      return UsageError("cannot tell the profile from the name " + o.page + "; give --profile php, erb or asp");
   }
-  std::string serverCommand = o.hasServer ? o.server : "";
-  bool stopAfterLabels = !o.hasServer && o.serverOutput.empty() && !o.labelled.empty();
-  if (stopAfterLabels && !o.preview.empty())
-    return UsageError("--preview shows the merged page: give --server or --server-output with --labelled");
-  if (!o.hasServer && o.serverOutput.empty() && !stopAfterLabels) {
-    serverCommand = profile->serverCommand;
-    if (serverCommand.empty())
-      return UsageError("the " + profile->name +
-                        " profile has no server of its own: give --server CMD or --server-output FILE, or --labelled "
-                        "FILE to stop after labelling");
+  plan->labelOnly = !o.hasServer && o.serverOutput.empty() && !o.labelled.empty() && o.output.empty();
+  if (plan->labelOnly && !o.preview.empty())
+    return UsageError("--preview shows the merged page: give -o, --server or --server-output with --labelled");
+  if (plan->labelOnly || !o.serverOutput.empty()) return -1;
+  plan->serverCommand = o.hasServer ? o.server : plan->profile->serverCommand;
+  if (plan->serverCommand.empty())
+    return UsageError("the " + plan->profile->name +
+                      " profile has no server of its own: give --server CMD or --server-output FILE, or --labelled "
+                      "FILE alone to stop after labelling");
+  return -1;
+}
+
+// The file an input names, when it is a regular file that an output could
+// overwrite.
+bool InputFile(const std::string& path, struct stat* st) {
+  bool found = path == "-" ? fstat(0, st) == 0 : stat(path.c_str(), st) == 0;
+  return found && S_ISREG(st->st_mode);
+}
+
+// True when two paths of files not made yet name the same one: the same
+// name in the same folder.
+bool SameNewFile(const std::string& a, const std::string& b) {
+  struct stat folderA, folderB;
+  if (stat(FolderOf(a).c_str(), &folderA) != 0 || stat(FolderOf(b).c_str(), &folderB) != 0) return a == b;
+  return SameFile(folderA, folderB) && a.substr(a.find_last_of('/') + 1) == b.substr(b.find_last_of('/') + 1);
+}
+
+// Refuses an output that is an input, or the other output, whatever names
+// and links lead to it.
+bool CheckNotSameFile(const Options& o, const Plan& plan, std::string* error) {
+  struct Input {
+    std::string path, what;
+  };
+  std::vector<Input> inputs = {{o.page, "the page"}};
+  if (!o.serverOutput.empty()) inputs.push_back({o.serverOutput, "the server output"});
+  std::vector<std::pair<const OutputTarget*, std::string>> outputs;
+  if (!plan.labelOnly) outputs.push_back({&plan.merged, "the merged page"});
+  if (plan.writesLabelled) outputs.push_back({&plan.labelled, "the labelled page"});
+  if (plan.writesPreview) outputs.push_back({&plan.preview, "the preview"});
+  for (const auto& [out, what] : outputs) {
+    if (!out->exists || !S_ISREG(out->st.st_mode)) continue;
+    for (const Input& in : inputs) {
+      struct stat st;
+      if (!InputFile(in.path, &st) || !SameFile(st, out->st)) continue;
+      *error = "refusing to write " + what + " to " + out->given + ": it is " + in.what + " itself (" +
+               (in.path == "-" ? "standard input" : in.path) + ")";
+      return false;
+    }
   }
+  for (size_t i = 0; i < outputs.size(); ++i) {
+    for (size_t k = i + 1; k < outputs.size(); ++k) {
+      const OutputTarget& a = *outputs[i].first;
+      const OutputTarget& b = *outputs[k].first;
+      bool same = a.exists && b.exists ? SameFile(a.st, b.st) && (S_ISREG(a.st.st_mode) || a.fd == b.fd)
+                                       : !a.exists && !b.exists && SameNewFile(a.path, b.path);
+      if (!same) continue;
+      *error = "refusing to write " + outputs[k].second + " and " + outputs[i].second + " to the same file, " + b.given;
+      return false;
+    }
+  }
+  return true;
+}
+
+int Prepare(const Options& o, Plan* plan) {
+  int status = PlanServer(o, plan);
+  if (status >= 0) return status;
+  std::string error;
+  if (!plan->labelOnly && !ResolveOutput(o.output.empty() ? "-" : o.output, &plan->merged, &error))
+    return Fail("cannot write the merged page to " + error);
+  plan->writesLabelled = !o.labelled.empty();
+  if (plan->writesLabelled && !ResolveOutput(o.labelled, &plan->labelled, &error))
+    return Fail("cannot write the labelled page to " + error);
+  plan->writesPreview = !o.preview.empty();
+  if (plan->writesPreview && !ResolveOutput(o.preview, &plan->preview, &error))
+    return Fail("cannot write the preview to " + error);
+  if (!CheckNotSameFile(o, *plan, &error)) return Fail(error);
+  return -1;
+}
+
+// Prints the warnings; under --strict the faults among them are errors.
+// Returns how many errors were printed.
+int Report(const std::string& pageName, const std::vector<LabelWarning>& warnings, bool strict) {
+  int errors = 0;
+  for (const LabelWarning& w : warnings) {
+    bool error = strict && IsFault(w.kind);
+    errors += error ? 1 : 0;
+    std::string where = w.pageLine ? "line " + std::to_string(w.pageLine) + ": " : "";
+    std::string inOutput = w.outputLine ? " (line " + std::to_string(w.outputLine) + " of the server's output)" : "";
+    std::fprintf(stderr, "qztranslate: %s: %s: %s%s%s\n", error ? "error" : "warning", pageName.c_str(),
+                 where.c_str(), w.message.c_str(), inOutput.c_str());
+  }
+  return errors;
+}
+
+int StrictFailure(int errors) {
+  return Fail("--strict: " + std::to_string(errors) + (errors == 1 ? " problem" : " problems") +
+              " with server code or labels; nothing was written");
+}
+
+// Runs the server over the labelled page and decodes its answer.
+bool RunTheServer(const Options& o, const Plan& plan, const std::string& labelledBytes, std::u16string* output,
+                  std::string* error) {
+  ServerRun run;
+  ServerLimits limits;
+  limits.timeoutSeconds = o.timeoutSeconds;
+  limits.graceSeconds = kGraceSeconds;
+  if (!RunServer(plan.serverCommand, FolderOf(o.page), labelledBytes, &run, error, limits)) return false;
+  if (!run.Succeeded()) {
+    *error = DescribeFailedServer(plan.serverCommand, o.timeoutSeconds, run);
+    return false;
+  }
+  // A server that worked may still have warned; pass that on.
+  if (run.errorBytes > run.errors.size())
+    std::fprintf(stderr, "qztranslate: the server's standard error, its first %zu bytes left out:\n",
+                 run.errorBytes - run.errors.size());
+  std::fwrite(run.errors.data(), 1, run.errors.size(), stderr);
+  if (run.stoppedLeftovers)
+    std::fprintf(stderr,
+                 "qztranslate: warning: the server left processes running (a background child holding its output "
+                 "open?); they were stopped\n");
+  return Decode(run.output, "the server's output", output, error);
+}
+
+int Translate(const Options& o) {
+  Plan plan;
+  int status = Prepare(o, &plan);
+  if (status >= 0) return status;
+  std::string pageName = o.page == "-" ? "standard input" : o.page;
 
   std::string error;
-  std::u16string page;
+  std::u16string page, output;
   if (!ReadText(o.page, "page", &page, &error)) return Fail(error);
-  std::u16string output;
   if (!o.serverOutput.empty() && !ReadText(o.serverOutput, "server output", &output, &error)) return Fail(error);
 
   Engine engine;
   std::string library = o.library.empty() ? DefaultLibraryPath() : o.library;
   if (!LoadTranslatorLibrary(library, engine, &error)) return Fail(error);
 
-  TranslationSession session(engine, *profile);
+  TranslationSession session(engine, *plan.profile);
   std::u16string labelled;
   if (!session.Start(&error) || !session.Label(page, &labelled, &error))
     return Fail("labelling the page failed: " + error);
-  for (const std::string& warning : session.Warnings())
-    std::fprintf(stderr, "qztranslate: warning: %s: %s\n", o.page.c_str(), warning.c_str());
+  int errors = Report(pageName, session.Warnings(), o.strict);
+  if (errors > 0) return StrictFailure(errors);
   std::string labelledBytes = EncodeUtf8(labelled);
-  if (!o.labelled.empty() && !WriteWholeFile(o.labelled, labelledBytes, &error))
-    return Fail("cannot write the labelled page " + error);
-  if (stopAfterLabels) return 0;
-
-  if (o.serverOutput.empty()) {
-    ServerRun run;
-    if (!RunServer(serverCommand, FolderOf(o.page), labelledBytes, &run, &error)) return Fail(error);
-    if (!run.Succeeded()) return Fail(DescribeFailedServer(serverCommand, run));
-    // A server that worked may still have warned; pass that on.
-    if (run.errorBytes > run.errors.size())
-      std::fprintf(stderr, "qztranslate: the server's standard error, its first %zu bytes left out:\n",
-                   run.errorBytes - run.errors.size());
-    std::fwrite(run.errors.data(), 1, run.errors.size(), stderr);
-    size_t at = 0;
-    switch (DecodeUtf8(run.output, &output, &at)) {
-      case Utf8Error::kNone:
-        break;
-      case Utf8Error::kInvalid:
-        return Fail("the server's output is not valid UTF-8: bad byte sequence at byte offset " + std::to_string(at) +
-                    " (line " + std::to_string(LineOfByte(run.output, at)) + ")");
-      case Utf8Error::kNul:
-        return Fail("the server's output holds a NUL character at byte offset " + std::to_string(at) + " (line " +
-                    std::to_string(LineOfByte(run.output, at)) + ")");
-    }
+  if (plan.labelOnly) {
+    if (!WriteOutput(plan.labelled, labelledBytes, &error)) return Fail("cannot write the labelled page to " + error);
+    return 0;
   }
+
+  if (!plan.serverCommand.empty() && !RunTheServer(o, plan, labelledBytes, &output, &error)) return Fail(error);
+  LabelReport report = session.Check(output);
+  errors = Report(pageName, report.warnings, o.strict);
+  if (errors > 0) return StrictFailure(errors);
 
   std::u16string merged;
   if (!session.Merge(output, &merged, &error)) return Fail(error);
-  if (!o.preview.empty()) {
-    std::string preview = RenderPreview(PreviewOfTranslation(o.page, labelled, output, merged, session.Warnings()));
-    if (!WriteWholeFile(o.preview, preview, &error)) return Fail("cannot write the preview " + error);
-  }
-  if (!WriteOut(o.output, EncodeUtf8(merged), &error)) return Fail(error);
+  if (plan.writesPreview &&
+      !WriteOutput(plan.preview, RenderPreview(PreviewOfTranslation(pageName, report, session.Warnings(), merged)),
+                   &error))
+    return Fail("cannot write the preview to " + error);
+  if (plan.writesLabelled && !WriteOutput(plan.labelled, labelledBytes, &error))
+    return Fail("cannot write the labelled page to " + error);
+  if (!WriteOutput(plan.merged, EncodeUtf8(merged), &error)) return Fail("cannot write the merged page to " + error);
+  return 0;
+}
+
+int PrintVersion(const Options& o) {
+  std::printf("qztranslate %s\n", QZ_COMMAND_VERSION);
+  Engine engine;
+  std::string library = o.library.empty() ? DefaultLibraryPath() : o.library, error;
+  if (!LoadTranslatorLibrary(library, engine, &error)) return Fail(error);
+  std::string id = LibraryBuildId(library);
+  std::printf("library %s, build %s\n", library.c_str(), id.empty() ? "(no build ID)" : id.c_str());
   return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  InstallInterruptHandlers();
   Options options;
-  int status = ParseOptions(argc, argv, &options);
-  if (status >= 0) return status;
+  std::string error;
+  if (!ParseCommandLine(argc, argv, &options, &error)) return UsageError(error);
+  if (options.help) {
+    std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (options.version) return PrintVersion(options);
   return Translate(options);
 }

@@ -138,42 +138,6 @@ TEST(PreviewRenderTest, EveryTextComesBackWhole) {
   EXPECT_EQ(Between(html, "sandbox=\"", "\""), "allow-same-origin");
 }
 
-TEST(PreviewPiecesTest, PiecesComeFromLabelPairs) {
-  std::u16string labelled =
-      u"<!--QZVX 0 --><?php\r\n$a = 1; ?><!--QZVX 1 -->\n"
-      u"<p qzvx=\"0\"  class=\"x\">\n"
-      u"<!--QZVX 2 --><?php foreach ($l as $i): ?><!--QZVX 3 --><!--QZVX 4 --><?= $i ?><!--QZVX 5 -->\n"
-      u"<!--QZVX 6 --><?php endforeach; ?><!--QZVX 7 --><!--QZVX 8 --><?= \"\xFC\" ?><!--QZVX 9 -->\n"
-      u"<!--QZVX 10 --><?= $lost ?>\n";
-  // Two passes of the loop, the first with empty output for piece 5 (labels
-  // 4 and 5), the second with some; piece 5 never came back.
-  std::u16string output =
-      u"<!--QZVX 0 --><!--QZVX 1 -->\n<p qzvx=\"0\"  class=\"x\">\n"
-      u"<!--QZVX 2 --><!--QZVX 3 --><!--QZVX 4 --><!--QZVX 5 -->\n<!--QZVX 6 --><!--QZVX 7 -->"
-      u"<!--QZVX 4 -->b<!--QZVX 5 -->\n<!--QZVX 6 --><!--QZVX 7 -->\n";
-  std::vector<PreviewPiece> pieces = PiecesFromLabels(labelled, output);
-  ASSERT_EQ(pieces.size(), 5u);
-  const int lines[] = {1, 4, 4, 5, 5};
-  const bool produced[] = {false, false, true, false, false};
-  for (size_t k = 0; k < pieces.size(); ++k) {
-    EXPECT_EQ(pieces[k].number, static_cast<int>(k) + 1);
-    EXPECT_EQ(pieces[k].line, lines[k]) << "piece " << k + 1;
-    EXPECT_EQ(pieces[k].producedOutput, produced[k]) << "piece " << k + 1;
-  }
-  EXPECT_EQ(pieces[0].code, "<?php\r\n$a = 1; ?>");
-  EXPECT_EQ(pieces[4].code, "<?= \"\xC3\xBC\" ?>");
-  EXPECT_TRUE(PiecesFromLabels(u"", u"").empty());
-}
-
-TEST(PreviewPiecesTest, WarningsKeepTheirLines) {
-  std::vector<PreviewWarning> warnings =
-      WarningsFromMessages({"line 12: `<?php` is not closed", "no line here", "line x: y", "line 3:no space"});
-  ASSERT_EQ(warnings.size(), 4u);
-  EXPECT_EQ(warnings[0].line, 12);
-  EXPECT_EQ(warnings[0].message, "`<?php` is not closed");
-  for (size_t k = 1; k < 4; ++k) EXPECT_EQ(warnings[k].line, 0) << warnings[k].message;
-}
-
 class PreviewCommandTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_NE(mkdtemp(folder), nullptr); }
@@ -194,7 +158,8 @@ TEST_F(PreviewCommandTest, PreviewIsWrittenWholeOrNotAtAll) {
   const std::string page = std::string(QZ_EXAMPLES_DIR) + "/hello.aspx";
   const std::string answer = page + ".server-output.html";
   EXPECT_EQ(Command("--preview p.html --labelled l.aspx " + page).exitStatus, 2);
-  EXPECT_EQ(Command("--preview p.html -o p.html --server-output " + answer + " " + page).exitStatus, 2);
+  EXPECT_EQ(Command("--preview p.html -o p.html --server-output " + answer + " " + page).exitStatus, 1);
+  EXPECT_EQ(Command("--preview - --server-output " + answer + " " + page).exitStatus, 1);
   EXPECT_EQ(Command("--preview p.html --server false " + page).exitStatus, 1);
   EXPECT_EQ(Command("--preview missing/p.html -o m.html --server-output " + answer + " " + page).exitStatus, 1);
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 0) << "files were left behind";

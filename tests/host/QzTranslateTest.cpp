@@ -2,10 +2,18 @@
 // left behind, and the one-step and two-step ways of translating.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <sys/inotify.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "Files.h"
 #include "Server.h"
@@ -38,8 +46,9 @@ class QzTranslateTest : public ::testing::Test {
   long Files() { return std::distance(std::filesystem::directory_iterator(folder), {}); }
 
   // Runs qztranslate with the arguments (each quoted) from the root folder,
-  // so that only the page's own folder can make relative paths work.
-  ServerRun Command(std::initializer_list<std::string> args) {
+  // so that only the page's own folder can make relative paths work; input
+  // goes to its standard input.
+  ServerRun Command(std::initializer_list<std::string> args, std::string_view input = "") {
     std::string line = QZ_TRANSLATE_PATH;
     for (std::string a : args) {
       for (size_t at = 0; (at = a.find('\'', at)) != std::string::npos; at += 4) a.replace(at, 1, "'\\''");
@@ -47,19 +56,43 @@ class QzTranslateTest : public ::testing::Test {
     }
     ServerRun run;
     std::string error;
-    EXPECT_TRUE(RunServer(line, "/", "", &run, &error)) << error;
+    EXPECT_TRUE(RunServer(line, "/", input, &run, &error)) << error;
     return run;
   }
 
+  // Starts qztranslate with the arguments, its outputs thrown away, and
+  // returns its process id.
+  pid_t Start(std::vector<std::string> args) {
+    pid_t pid = fork();
+    if (pid != 0) return pid;
+    int null = open("/dev/null", O_RDWR);
+    dup2(null, 0);
+    dup2(null, 1);
+    dup2(null, 2);
+    std::vector<char*> argv = {const_cast<char*>(QZ_TRANSLATE_PATH)};
+    for (std::string& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execv(QZ_TRANSLATE_PATH, argv.data());
+    _exit(127);
+  }
+
+  // The exit status of the started command.
+  static int Status(pid_t pid) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
   // Runs the command, which must fail with status (2 for a wrong command
-  // line, which also shows the usage) and a message that says says (and
-  // also), printing nothing.
+  // line, which also gives the one-line hint) and a message that says says
+  // (and also), printing nothing.
   void Fails(std::initializer_list<std::string> args, int status, const std::string& says,
              const std::string& also = "") {
     ServerRun run = Command(args);
     EXPECT_EQ(run.exitStatus, status) << says;
     EXPECT_TRUE(Has(run.errors, says) && Has(run.errors, also)) << run.errors;
-    EXPECT_EQ(Has(run.errors, "usage: qztranslate"), status == 2) << says;
+    EXPECT_EQ(Has(run.errors, "\nTry 'qztranslate --help' for more information.\n"), status == 2) << says;
+    EXPECT_FALSE(Has(run.errors, "usage:")) << says;
     EXPECT_EQ(run.output, "") << says;
   }
 
@@ -68,7 +101,7 @@ class QzTranslateTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(QzTranslateTest, WrongCommandLinesGetUsageAndStatusTwo) {
+TEST_F(QzTranslateTest, WrongCommandLinesGetAHintAndStatusTwo) {
   // Found before the page is read, which need not exist.
   std::string page = Path("page.php");
   Fails({}, 2, "no page given");
@@ -79,9 +112,21 @@ TEST_F(QzTranslateTest, WrongCommandLinesGetUsageAndStatusTwo) {
   Fails({page, page}, 2, "only one page");
   Fails({page, "--labelled"}, 2, "--labelled needs a value");
   Fails({"--profile", "asp", page}, 2, "asp profile has no server of its own");
+  Fails({"--profile", "asp", "--labelled", Path("l.aspx"), "-o", Path("o.html"), page}, 2, "no server of its own");
+  Fails({"-o", Path("a"), "--output", Path("b"), page}, 2, "--output is given twice");
+  Fails({"--strict", "--strict", page}, 2, "--strict is given twice");
+  Fails({"--timeout", "soon", page}, 2, "--timeout needs a number of seconds");
+  Fails({"--timeout=-1", page}, 2, "--timeout needs a number of seconds");
+  Fails({"-"}, 2, "a page read from standard input needs --profile");
+  Fails({"--profile", "php", "--server-output", "-", "-"}, 2, "cannot both come from standard input");
+  EXPECT_EQ(Files(), 0);
   ServerRun help = Command({"--help"});
   EXPECT_EQ(help.exitStatus, 0);
-  EXPECT_TRUE(Has(help.output, "usage: qztranslate"));
+  EXPECT_TRUE(Has(help.output, "usage: qztranslate") && Has(help.output, "128+N"));
+  ServerRun version = Command({"--version"});
+  EXPECT_EQ(version.exitStatus, 0);
+  EXPECT_TRUE(Has(version.output, "qztranslate 1.") && Has(version.output, "libServerTranslator.so, build "))
+      << version.output;
 }
 
 TEST_F(QzTranslateTest, FailuresSayWhy) {
@@ -133,7 +178,126 @@ TEST_F(QzTranslateTest, OutputFilesAreWrittenWholeOrNotAtAll) {
   EXPECT_EQ(Read("out.html"), page);
   EXPECT_EQ(Files(), 2);
 
-  Fails({"--server", "cat", "-o", Path("no/such/dir/out.html"), Path("page.php")}, 1, "cannot write");
+  // Found before the server runs.
+  Fails({"--server", "touch ran; cat", "-o", Path("no/such/dir/out.html"), Path("page.php")}, 1,
+        "cannot write the merged page to " + Path("no/such/dir/out.html") + ": No such file or directory");
+  EXPECT_EQ(Files(), 2);
+}
+
+TEST_F(QzTranslateTest, AnOutputThatIsAnInputIsRefusedBeforeTheServerRuns) {
+  Write("page.php", "<p><?= 1 ?></p>");
+  Write("answer.html", "<p><!--QZVX 0 -->1<!--QZVX 1 --></p>");
+  std::filesystem::create_symlink("page.php", Path("link.php"));
+  std::filesystem::create_hard_link(Path("page.php"), Path("second.php"));
+  std::string server = "touch " + Path("ran") + "; cat";
+  std::string otherFolder = folder + std::string("/../") + std::filesystem::path(folder).filename().string();
+  std::string other = otherFolder + "/page.php";
+  Fails({"--server", server, "-o", Path("link.php"), Path("page.php")}, 1,
+        "refusing to write the merged page to " + Path("link.php") + ": it is the page itself");
+  Fails({"--server", server, "-o", other, Path("page.php")}, 1, "it is the page itself");
+  Fails({"--server", server, "--labelled", Path("second.php"), Path("page.php")}, 1,
+        "refusing to write the labelled page to " + Path("second.php") + ": it is the page itself");
+  Fails({"--server-output", Path("answer.html"), "-o", Path("answer.html"), Path("page.php")}, 1,
+        "it is the server output itself");
+  Fails({"--server", server, "-o", Path("same.html"), "--labelled", otherFolder + "/same.html", Path("page.php")}, 1,
+        "the labelled page and the merged page to the same file");
+  EXPECT_FALSE(std::filesystem::exists(Path("ran"))) << "the server never ran";
+  EXPECT_EQ(Read("page.php"), "<p><?= 1 ?></p>");
+  EXPECT_EQ(Files(), 4);
+}
+
+TEST_F(QzTranslateTest, StandardInputAndOutputAndBothOutputsAtOnce) {
+  ServerRun piped = Command({"--profile", "php", "--labelled", "-", "-"}, "<b><?= 1 ?></b>");
+  EXPECT_EQ(piped.exitStatus, 0) << piped.errors;
+  EXPECT_EQ(piped.output, "<b><!--QZVX 0 --><?= 1 ?><!--QZVX 1 --></b>");
+  ServerRun merged = Command({"--profile", "php", "--server", "cat", "-o", "-", "-"}, "<b><?= 1 ?></b>");
+  EXPECT_EQ(merged.output, "<b><?= 1 ?></b>");
+  Fails({"--profile", "php", "--server", "cat", "--labelled", "-", "-o", "/dev/stdout", Path("x.php")}, 1,
+        "to the same file");
+  // With -o as well, --labelled does not stop the command: the profile's
+  // own server runs and both pages are written.
+  if (system("command -v php >/dev/null") != 0) GTEST_SKIP() << "php is not installed";
+  Write("page.php", "<b><?= 6 * 7 ?></b>");
+  ServerRun both = Command({"--labelled", Path("l.php"), "-o", Path("o.html"), Path("page.php")});
+  EXPECT_EQ(both.exitStatus, 0) << both.errors;
+  EXPECT_EQ(Read("l.php"), "<b><!--QZVX 0 --><?= 6 * 7 ?><!--QZVX 1 --></b>");
+  EXPECT_TRUE(Has(Read("o.html"), ">42</font></qz:lock></b>")) << Read("o.html");
+}
+
+TEST_F(QzTranslateTest, InterruptionsAndTimeLimitsLeaveNothingBehind) {
+  // A large write interrupted the moment its temporary file appears: the
+  // file goes with the command, which exits with 128 + SIGTERM.
+  Write("big.php", "<p><?= 1 ?></p>" + std::string(8 << 20, 'x'));
+  int status = 0;
+  for (int attempt = 0; attempt < 3 && status != 128 + SIGTERM; ++attempt) {
+    int watch = inotify_init1(IN_CLOEXEC);
+    inotify_add_watch(watch, folder, IN_CREATE);
+    pid_t pid = Start({"--server", "cat", "-o", Path("big.html"), Path("big.php")});
+    char events[4096];
+    for (bool seen = false; !seen;) {
+      struct pollfd ready = {watch, POLLIN, 0};
+      if (poll(&ready, 1, 5000) != 1) break;
+      ssize_t n = read(watch, events, sizeof events);
+      for (ssize_t at = 0; at < n;) {
+        auto* e = reinterpret_cast<inotify_event*>(events + at);
+        seen = seen || std::string(e->name).rfind(".qz", 0) == 0;
+        at += static_cast<ssize_t>(sizeof(inotify_event) + e->len);
+      }
+    }
+    kill(pid, SIGTERM);
+    status = Status(pid);
+    close(watch);
+    std::filesystem::remove(Path("big.html"));
+  }
+  EXPECT_EQ(status, 128 + SIGTERM);
+  EXPECT_EQ(Files(), 1) << "only the page is left";
+
+  // Interrupted while the server runs, and a server past its time limit:
+  // each ends within the grace, and so does every process of the server.
+  Write("page.php", "<p><?= 1 ?></p>");
+  std::string server = "echo $$ >" + Path("pids") + "; sleep 30 & echo $! >>" + Path("pids") + "; exec sleep 30";
+  auto pids = [&] {
+    std::vector<pid_t> all;
+    std::ifstream file(Path("pids"));
+    for (long pid; file >> pid;) all.push_back(static_cast<pid_t>(pid));
+    return all;
+  };
+  auto allGone = [&] {
+    for (pid_t pid : pids())
+      if (kill(pid, 0) == 0) return false;
+    return pids().size() == 2;
+  };
+  auto begin = std::chrono::steady_clock::now();
+  pid_t pid = Start({"--server", server, Path("page.php")});
+  while (pids().size() < 2 && std::chrono::steady_clock::now() - begin < std::chrono::seconds(2))
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  kill(pid, SIGINT);
+  EXPECT_EQ(Status(pid), 128 + SIGINT);
+  EXPECT_TRUE(allGone());
+  ServerRun late = Command({"--timeout", "0.3", "--server", server, Path("page.php")});
+  EXPECT_EQ(late.exitStatus, 1);
+  EXPECT_TRUE(Has(late.errors, "did not finish within the time limit of 0.3 seconds (--timeout)")) << late.errors;
+  EXPECT_TRUE(allGone());
+  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count(), 2.0);
+  EXPECT_EQ(Files(), 3);
+}
+
+TEST_F(QzTranslateTest, StrictRefusesAMergeThatWouldLoseServerCode) {
+  Write("page.php", "<h1><?= 1 ?></h1>\n<p><?= 2 ?></p>");
+  Write("answer.html", "<h1><!--QZVX 0 -->1<!--QZVX 1 --></h1>\n<p>2</p>");
+  ServerRun lenient = Command({"--server-output", Path("answer.html"), "-o", Path("out.html"), Path("page.php")});
+  EXPECT_EQ(lenient.exitStatus, 0);
+  EXPECT_TRUE(Has(lenient.errors, "qztranslate: warning: " + Path("page.php") +
+                                      ": line 2: the server code `<?= 2 ?>` would be missing from the merged page"))
+      << lenient.errors;
+  EXPECT_EQ(Read("out.html"), "<h1><qz:lock code=\"%3C?=%201%20?%3E\"><qz:invisible><?= 1 ?></qz:invisible>"
+                              "<font hilitecolor=\"Dyn Up-to-Date Color\">1</font></qz:lock></h1>\n<p>2</p>");
+  std::filesystem::remove(Path("out.html"));
+  Fails({"--strict", "--server-output", Path("answer.html"), "-o", Path("out.html"), "--labelled", Path("l.php"),
+         Path("page.php")},
+        1, "qztranslate: error: " + Path("page.php") + ": line 2: the server code `<?= 2 ?>` would be missing",
+        "--strict: 1 problem with server code or labels; nothing was written");
+  EXPECT_EQ(Files(), 2);
 }
 
 TEST_F(QzTranslateTest, TranslatesThroughPhpInOneStepOrTwo) {

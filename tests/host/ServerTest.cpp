@@ -1,17 +1,27 @@
-// Running server commands: the exchange over pipes, statuses and messages.
+// Running server commands: the exchange over pipes, statuses and messages,
+// and servers that would never end.
 #include "Server.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
 
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 
 using namespace qzhost;
 
-static ServerRun RunCommand(const std::string& command, std::string_view input, const std::string& folder = ".") {
+static ServerRun RunCommand(const std::string& command, std::string_view input, const std::string& folder = ".",
+                            const ServerLimits& limits = {}) {
   ServerRun run;
   std::string error;
-  EXPECT_TRUE(RunServer(command, folder, input, &run, &error)) << error;
+  EXPECT_TRUE(RunServer(command, folder, input, &run, &error, limits)) << error;
   return run;
+}
+
+static double SecondsSince(std::chrono::steady_clock::time_point begin) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }
 
 TEST(ServerTest, BigPagesPassBothWaysWithoutStalling) {
@@ -54,4 +64,47 @@ TEST(ServerTest, RunsInTheGivenFolderAndReportsHowItEnded) {
   EXPECT_EQ(ErrorTail(failed.errors), "line one\nfatal: boom");
   EXPECT_EQ(ErrorTail(failed.errors, 15), "fatal: boom");
   EXPECT_EQ(ErrorTail(""), "");
+}
+
+TEST(ServerTest, NoServerOutlivesItsTimeLimitOrLeavesAProcessBehind) {
+  char folder[] = "/tmp/qzserverXXXXXX";
+  ASSERT_NE(mkdtemp(folder), nullptr);
+  // Each server writes the process ids it makes into pids, one a line; all
+  // must be gone once the run has returned.
+  auto allGone = [&] {
+    std::ifstream pids(folder + std::string("/pids"));
+    int n = 0;
+    for (long pid; pids >> pid; ++n)
+      if (kill(static_cast<pid_t>(pid), 0) == 0) return false;
+    return n > 0;
+  };
+  ServerLimits limits;
+  limits.timeoutSeconds = 0.3;
+  limits.graceSeconds = 0.3;
+  struct Case {
+    const char* what;
+    const char* command;
+    bool timedOut;
+    double within;  // seconds
+  } cases[] = {
+      {"a server asleep past the limit", "echo $$ >pids; exec sleep 30", true, 0.3 + 0.2},
+      {"one that ignores SIGTERM gets SIGKILL after the grace", "echo $$ >pids; trap '' TERM; sleep 30; sleep 30",
+       true, 0.3 + 0.3 + 0.2},
+      {"a background child holding the output open is not waited for",
+       "echo $$ >pids; sleep 30 & echo $! >>pids; echo done", false, 0.2},
+      {"nor one that ignores SIGTERM", "echo $$ >pids; (trap '' TERM; sleep 30) & echo $! >>pids; echo done",
+       false, 0.3 + 0.2},
+  };
+  for (const Case& c : cases) {
+    auto begin = std::chrono::steady_clock::now();
+    ServerRun run = RunCommand(c.command, "", folder, limits);
+    EXPECT_LT(SecondsSince(begin), c.within) << c.what;
+    EXPECT_EQ(run.timedOut, c.timedOut) << c.what;
+    EXPECT_TRUE(allGone()) << c.what;
+    EXPECT_TRUE(c.timedOut || (run.Succeeded() && run.output == "done\n" && run.stoppedLeftovers)) << c.what;
+  }
+  // Without a limit a quick server just ends, and nothing is stopped.
+  ServerRun quick = RunCommand("echo $$ >pids; cat", "page", folder);
+  EXPECT_TRUE(quick.Succeeded() && quick.output == "page" && !quick.stoppedLeftovers && allGone());
+  std::filesystem::remove_all(folder);
 }

@@ -2,7 +2,7 @@
 // real php and erb with their exact merged pages, and the round trip, in
 // which a server that hands the labelled page back unchanged must give back
 // exactly the page.
-#include "Translator.h"
+#include "TranslationSession.h"
 
 #include <gtest/gtest.h>
 
@@ -33,6 +33,8 @@ std::string Lock(const std::string& encoded, const std::string& code, const std:
   return "<qz:lock code=\"" + encoded + "\"><qz:invisible>" + code + "</qz:invisible>" + output + "</qz:lock>";
 }
 
+bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
 bool HaveCommand(const std::string& name) { return system(("command -v " + name + " >/dev/null").c_str()) == 0; }
 
 std::u16string Decoded(std::string_view bytes) {
@@ -42,7 +44,7 @@ std::u16string Decoded(std::string_view bytes) {
   return text;
 }
 
-class TranslatorTest : public ::testing::Test {
+class TranslationSessionTest : public ::testing::Test {
  protected:
   // Loads the library; a folder for the servers holds the pages they include.
   void SetUp() override {
@@ -79,7 +81,7 @@ class TranslatorTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(TranslatorTest, PagesThroughPhpAndErb) {
+TEST_F(TranslationSessionTest, PagesThroughPhpAndErb) {
   if (!HaveCommand("php") || !HaveCommand("erb")) GTEST_SKIP() << "php or erb is not installed";
   // A directive's output is locked, the directive kept invisible inside;
   // non-ASCII text around and inside server output keeps its offsets.
@@ -114,7 +116,7 @@ TEST_F(TranslatorTest, PagesThroughPhpAndErb) {
                 ">2</li></qz:lock>" + Lock("%3C%25%20end%20%25%3E", "<% end %>", "") + "</ul>");
 }
 
-TEST_F(TranslatorTest, UnchangedServerOutputGivesBackHandWrittenPagesAndTheExamples) {
+TEST_F(TranslationSessionTest, UnchangedServerOutputGivesBackHandWrittenPagesAndTheExamples) {
   struct Case { const char* profile; std::string page; } cases[] = {
       {"php", "<?php $a = 1; ?>\n<p class=\"x\" id='y' hidden data-v=3>é😀 <?= $a ?></p>"},
       {"php", "<p a=\"1\" >x</p><br /><img src=\"a\"\n/><p\tb='2'\n>y</p>"},
@@ -191,10 +193,64 @@ struct PageGenerator {
 
 }  // namespace
 
-TEST_F(TranslatorTest, UnchangedServerOutputGivesBackGeneratedPages) {
+TEST_F(TranslationSessionTest, UnchangedServerOutputGivesBackGeneratedPages) {
   PageGenerator generator;
   for (int i = 0; i < 600; ++i) {
     std::string page = generator.Page(), profile = i % 3 == 0 ? "php" : i % 3 == 1 ? "erb" : "asp";
     ASSERT_EQ(Translate(profile, page, true), page) << "page " << i << ", profile " << profile;
+  }
+}
+
+TEST_F(TranslationSessionTest, PagesThatTheEndCutsOffTranslateAndSayWhatBecomesOfTheirCode) {
+  if (!HaveCommand("php") || !HaveCommand("erb")) GTEST_SKIP() << "php or erb is not installed";
+  // A block open at the end is server code up to the end, kept in a lock
+  // as the page has it: php, which runs it as code, gets it closed; erb,
+  // which prints it as text, gets it as it stands.
+  EXPECT_TRUE(Has(Translate("php", "<?php function get_footer() { echo '<i>f</i>'; } ?><p>x</p>\n<?php get_footer();"),
+                  "<p>x</p>\n" + Lock("%3C?php%20get_footer();", "<?php get_footer();", "<i" + kHilite + ">f</i>")));
+  EXPECT_EQ(Translate("php", "<p>x</p><!-- <?php echo 'a';"),
+            "<p>x</p>" + Lock("%3C!--%20%3C?php%20echo%20'a';", "<!-- <?php echo 'a';", Font("<!-- a")));
+  EXPECT_EQ(Translate("erb", "<p>x</p><%= 6 * 7"), "<p>x</p>" + Lock("%3C%25=%206%20*%207", "<%= 6 * 7", Font(" 6 * 7")));
+  // Other constructs left open that hold server code: the last label comes
+  // back after them and the page translates.
+  EXPECT_EQ(Translate("php", "<p>x</p><!-- <?= 'a' ?>"),
+            "<p>x</p>" + Lock("%3C!--%20%3C?=%20'a'%20?%3E", "<!-- <?= 'a' ?>", Font("<!-- a")));
+  EXPECT_EQ(Translate("erb", "<p>x</p><%>x"), "<p>x</p>" + Lock("%3C%25%3Ex", "<%>x", Font(">x")));
+  EXPECT_EQ(Translate("asp", "<p>x</p><!#include", true), "<p>x</p><!#include");
+  EXPECT_EQ(Translate("erb", "<p>x</p><%>x", true), "<p>x</p><%>x");
+
+  // What the warnings say, construct by construct.
+  struct Case {
+    const char* profile;
+    const char* page;
+    const char* says;
+  } cases[] = {
+      {"php", "<p>\n<?php get_footer();", "open-at-end line 2: `<?php get_footer();` is not closed before the end of "
+       "the page; it is taken as one piece of server code up to the end of the page: the server gets it closed with "
+       "`?>`, and the merged page keeps it as written, locked"},
+      {"erb", "<p>\n<%= 6 * 7", "open-at-end line 2: `<%= 6 * 7` is not closed before the end of the page; it is "
+       "taken as one piece of server code up to the end of the page: the merged page keeps it as written, locked, "
+       "with what the server made of it"},
+      {"php", "<p>x</p><!-- note", "open-at-end line 1: `<!-- note` is not closed before the end of the page; it runs "
+       "to the end"},
+      {"php", "<p>\n<p class=\"<?= 1 ?>", "not-labelled line 2: the tag `<p class=\"<?= 1 ?>` has no \">\" before the "
+       "end of the page, so it and all that follows are text; the server code in it (line 2) is not labelled: the "
+       "server runs it, its output comes back as plain, unlocked text, and the code itself is missing from the merged "
+       "page"},
+      {"php", "<script>\nvar a = <?= 1 ?>;", "not-labelled line 1: `<script>...` has no close tag before the end of the "
+       "page, so it and all that follows are text; the server code in it (line 2) is not labelled"},
+      {"asp", "<p>x</p><p class=\"x\"", "open-at-end line 1: the tag `<p class=\"x\"` has no \">\" before the end of "
+       "the page; it and all that follows are kept as text"},
+  };
+  for (const Case& c : cases) {
+    TranslationSession session(engine, *FindProfile(c.profile));
+    std::u16string labelled;
+    std::string error;
+    ASSERT_TRUE(session.Start(&error) && session.Label(Decoded(c.page), &labelled, &error)) << error;
+    ASSERT_EQ(session.Warnings().size(), 1u) << c.page;
+    const LabelWarning& w = session.Warnings()[0];
+    std::string said = std::string(w.kind == Finding::kOpenAtEnd ? "open-at-end" : "not-labelled") + " line " +
+                       std::to_string(w.pageLine) + ": " + w.message;
+    EXPECT_TRUE(Has(said, c.says)) << said;
   }
 }

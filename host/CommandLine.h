@@ -1,0 +1,36 @@
+// The translate command's command line: its options and their parsing.
+#ifndef QZHOST_COMMANDLINE_H
+#define QZHOST_COMMANDLINE_H
+
+#include <string>
+
+namespace qzhost {
+
+struct Options {
+  std::string profile;
+  std::string server;
+  bool hasServer = false;
+  std::string serverOutput;  // "-": standard input
+  std::string labelled;      // "-": standard output
+  std::string preview;       // "-": standard output
+  std::string output;        // "-" or empty: standard output
+  std::string library;
+  std::string page;          // "-": standard input
+  double timeoutSeconds = 60;  // 0: no limit
+  bool strict = false;
+  bool help = false;
+  bool version = false;
+};
+
+// The full help text.
+extern const char kUsage[];
+
+// Parses the command line. Returns false with a one-line message for a
+// mistake: an unknown option, a missing or empty value, an option given
+// twice, a bad time limit, no page or two, both --server and
+// --server-output. --help and --version end the parse at once.
+bool ParseCommandLine(int argc, char** argv, Options* options, std::string* error);
+
+}  // namespace qzhost
+
+#endif

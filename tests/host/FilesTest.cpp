@@ -1,0 +1,125 @@
+// Writing output without harming a file: each kind of target gets the bytes,
+// and nothing but the target is created, changed or replaced.
+#include "Files.h"
+
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+
+using namespace qzhost;
+
+namespace {
+
+class FilesTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_NE(mkdtemp(folder), nullptr); }
+  void TearDown() override { std::filesystem::remove_all(folder); }
+
+  std::string Path(const std::string& name) { return folder + ("/" + name); }
+  std::string Read(const std::string& name) {
+    std::string bytes, error;
+    return ReadWholeFile(Path(name), &bytes, &error) ? bytes : "(unreadable)";
+  }
+  // Names in the folder, sorted, hidden ones too.
+  std::string Names() {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) names.insert(entry.path().filename());
+    std::string all;
+    for (const std::string& n : names) all += n + " ";
+    return all;
+  }
+  // Resolves and writes; the message on failure.
+  std::string Write(const std::string& given, const std::string& bytes) {
+    OutputTarget target;
+    std::string error;
+    if (!ResolveOutput(given, &target, &error) || !WriteOutput(target, bytes, &error)) return error;
+    return "";
+  }
+
+  char folder[20] = "/tmp/qzfilesXXXXXX";
+};
+
+}  // namespace
+
+TEST_F(FilesTest, RegularFilesAreReplacedWholeKeepingTheirPermissions) {
+  std::ofstream(Path("out.html")) << "old";
+  ASSERT_EQ(chmod(Path("out.html").c_str(), 0640), 0);
+  EXPECT_EQ(Write(Path("out.html"), "new"), "");
+  EXPECT_EQ(Read("out.html"), "new");
+  struct stat st;
+  ASSERT_EQ(stat(Path("out.html").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+  // A new file gets 0666 less the umask; any legal name works, the longest
+  // too, since the temporary name is short.
+  mode_t mask = umask(022);
+  std::string longest(255, 'n');
+  EXPECT_EQ(Write(Path(longest), "long"), "");
+  umask(mask);
+  ASSERT_EQ(stat(Path(longest).c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0644u);
+  EXPECT_EQ(Names(), longest + " out.html ");
+  // Refused before anything is written: a folder, a folder that is not there.
+  EXPECT_NE(Write(folder, "x").find("Is a directory"), std::string::npos);
+  EXPECT_NE(Write(Path("none/out.html"), "x").find("No such file or directory"), std::string::npos);
+  EXPECT_EQ(Names(), longest + " out.html ");
+}
+
+TEST_F(FilesTest, LinksAreFollowedToTheirTarget) {
+  std::ofstream(Path("target.html")) << "old";
+  std::filesystem::create_symlink("target.html", Path("link.html"));
+  std::filesystem::create_directory(Path("sub"));
+  std::filesystem::create_symlink("../link.html", Path("sub/chain.html"));
+  EXPECT_EQ(Write(Path("sub/chain.html"), "new"), "");
+  EXPECT_TRUE(std::filesystem::is_symlink(Path("link.html")) && std::filesystem::is_symlink(Path("sub/chain.html")));
+  EXPECT_EQ(Read("target.html"), "new");
+  // A dangling link gets its target made; a loop of links is refused.
+  std::filesystem::create_symlink("made.html", Path("dangling.html"));
+  EXPECT_EQ(Write(Path("dangling.html"), "made"), "");
+  EXPECT_EQ(Read("made.html"), "made");
+  std::filesystem::create_symlink("loop.html", Path("loop.html"));
+  EXPECT_NE(Write(Path("loop.html"), "x").find("Too many levels of symbolic links"), std::string::npos);
+  EXPECT_EQ(Names(), "dangling.html link.html loop.html made.html sub target.html ");
+}
+
+TEST_F(FilesTest, PipesDevicesAndDescriptorsAreWrittenInPlace) {
+  // A named pipe read by a child stays a pipe; the child gets the bytes.
+  ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0600), 0);
+  pid_t reader = fork();
+  if (reader == 0) {
+    std::string bytes, error;
+    _exit(ReadWholeFile(Path("fifo"), &bytes, &error) && bytes == "through the pipe" ? 0 : 1);
+  }
+  EXPECT_EQ(Write(Path("fifo"), "through the pipe"), "");
+  int status = 0;
+  ASSERT_EQ(waitpid(reader, &status, 0), reader);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_TRUE(std::filesystem::is_fifo(Path("fifo")));
+
+  // An open descriptor, by /dev/fd/N and /proc/self/fd/N.
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  EXPECT_EQ(Write("/dev/fd/" + std::to_string(fds[1]), "fd "), "");
+  EXPECT_EQ(Write("/proc/self/fd/" + std::to_string(fds[1]), "proc"), "");
+  close(fds[1]);
+  char got[16] = {};
+  EXPECT_EQ(read(fds[0], got, sizeof got), 7);
+  EXPECT_STREQ(got, "fd proc");
+  close(fds[0]);
+  EXPECT_NE(Write("/dev/fd/987", "x").find("Bad file descriptor"), std::string::npos);
+
+  // A character device of our own (the null device's numbers).
+  if (geteuid() != 0) GTEST_SKIP() << "making a character device needs root";
+  if (mknod(Path("null").c_str(), S_IFCHR | 0666, makedev(1, 3)) != 0)
+    GTEST_SKIP() << "this system lets no one make a character device: " << std::strerror(errno);
+  EXPECT_EQ(Write(Path("null"), "gone"), "");
+  EXPECT_TRUE(std::filesystem::is_character_file(Path("null")));
+  EXPECT_EQ(Names(), "fifo null ");
+}

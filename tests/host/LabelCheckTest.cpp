@@ -1,0 +1,164 @@
+// The label check on a page translated through the real php: its output as
+// php prints it passes, and the same output edited to drop, repeat, swap,
+// renumber, corrupt or cut labels gives the findings that name each lost or
+// misplaced piece of server code by its page line.
+#include "LabelCheck.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <regex>
+
+#include "Library.h"
+#include "Server.h"
+#include "TranslationSession.h"
+#include "Utf8.h"
+
+using namespace qzhost;
+
+namespace {
+
+// Lines 1 to 5 hold an expression, an attribute and a directive, a loop, a
+// branch not taken and a function whose body is page text.
+const char kPage[] =
+    "<h1><?= \"Title\" ?></h1>\n"
+    "<p class=\"<?= 'c' ?>\"><?= \"B\" ?></p>\n"
+    "<ul><?php foreach ([1, 2] as $n): ?><li><?= $n ?></li><?php endforeach; ?></ul>\n"
+    "<?php if (false): ?><b>no</b><?php endif; ?>\n"
+    "<?php function f() { ?><i>f</i><?php } ?><?php f(); ?>\n";
+
+const char* const kNames[] = {"no-output", "no-labels", "unknown", "malformed", "moved",
+                              "out-of-order", "cut-off", "code-missing", "open-at-end", "not-labelled"};
+
+// The findings as "kind@page line", in order.
+std::string Findings(const LabelReport& report) {
+  std::string all;
+  for (const LabelWarning& w : report.warnings)
+    all += std::string(all.empty() ? "" : " ") + kNames[static_cast<int>(w.kind)] + "@" + std::to_string(w.pageLine);
+  return all;
+}
+
+std::string Edited(const std::string& text, const std::string& pattern, const std::string& replacement) {
+  std::string edited = std::regex_replace(text, std::regex(pattern), replacement, std::regex_constants::format_first_only);
+  EXPECT_NE(edited, text) << pattern;
+  return edited;
+}
+
+class LabelCheckTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (system("command -v php >/dev/null") != 0) GTEST_SKIP() << "php is not installed";
+    std::string error;
+    ASSERT_TRUE(LoadTranslatorLibrary(QZ_LIBRARY_PATH, engine, &error)) << error;
+    std::u16string page, labelled;
+    size_t at;
+    ASSERT_EQ(DecodeUtf8(kPage, &page, &at), Utf8Error::kNone);
+    ASSERT_TRUE(session.Start(&error) && session.Label(page, &labelled, &error)) << error;
+    ServerRun run;
+    ASSERT_TRUE(RunServer(FindProfile("php")->serverCommand, "/", EncodeUtf8(labelled), &run, &error)) << error;
+    ASSERT_EQ(run.exitStatus, 0) << run.errors;
+    output = run.output;
+  }
+
+  LabelReport Check(const std::string& edited) {
+    std::u16string text;
+    size_t at;
+    EXPECT_EQ(DecodeUtf8(edited, &text, &at), Utf8Error::kNone);
+    return session.Check(text);
+  }
+
+  Engine engine;
+  TranslationSession session{engine, *FindProfile("php")};
+  std::string output;  // php's own output for the labelled page
+};
+
+}  // namespace
+
+TEST_F(LabelCheckTest, PhpsOwnOutputPassesAndTellsWhatEachPieceDid) {
+  LabelReport report = Check(output);
+  EXPECT_EQ(Findings(report), "") << output;
+  ASSERT_EQ(report.pieces.size(), 10u);
+  const CheckedPiece& loopBody = report.pieces[3];
+  EXPECT_EQ(EncodeUtf8(loopBody.code), "<?= $n ?>");
+  EXPECT_EQ(loopBody.line, 3u);
+  EXPECT_EQ(loopBody.timesBack, 2);
+  EXPECT_TRUE(loopBody.producedOutput && loopBody.codeKept);
+  // The branch not taken never printed its end's labels, but the lock over
+  // the branch holds its code.
+  const CheckedPiece& endif = report.pieces[6];
+  EXPECT_EQ(EncodeUtf8(endif.code), "<?php endif; ?>");
+  EXPECT_TRUE(endif.timesBack == 0 && endif.codeKept);
+  ASSERT_EQ(report.tags.size(), 1u);
+  EXPECT_TRUE(report.tags[0].holdsServerCode && report.tags[0].timesBack == 1 && report.tags[0].line == 2);
+}
+
+TEST_F(LabelCheckTest, EditedOutputsNameTheirFaultsByPageLine) {
+  struct Case {
+    const char* edit;
+    std::string edited;
+    const char* findings;
+  } cases[] = {
+      {"drop a closing label", Edited(output, "<!--QZVX 3 -->", ""), "out-of-order@2"},
+      {"drop a piece", Edited(output, "<!--QZVX 2 -->B<!--QZVX 3 -->", ""), "code-missing@2"},
+      {"drop a label attribute", Edited(output, " qzvx=\"0\" ", ""), "code-missing@2"},
+      {"repeat a piece", Edited(output, "(<!--QZVX 2 -->B<!--QZVX 3 -->)", "$1$1"), "out-of-order@2"},
+      {"swap two closing labels",
+       Edited(Edited(Edited(output, "QZVX 1 ", "QZVX x "), "QZVX 3 ", "QZVX 1 "), "QZVX x ", "QZVX 3 "),
+       "out-of-order@2"},
+      {"renumber a label", Edited(output, "QZVX 2 ", "QZVX 99 "), "unknown@0 out-of-order@2 code-missing@2"},
+      // Label 12 opens the branch of line 4: the merge's lock runs from there,
+      // and what stood between is gone.
+      {"renumber to a label of a later piece", Edited(output, "QZVX 2 ", "QZVX 12 "),
+       "code-missing@2 code-missing@3 code-missing@3 code-missing@3 code-missing@4"},
+      {"corrupt a label comment", Edited(output, "QZVX 2 ", "QZVX two "),
+       "malformed@0 out-of-order@2 code-missing@2"},
+      {"corrupt a label attribute", Edited(output, "qzvx=\"0\"", "qzvx=\"zero\""), "malformed@2"},
+      {"move a label attribute", Edited(output, " qzvx=\"0\"  (class=\"c\")", " $1 qzvx=\"0\" "), "moved@2"},
+      {"hide a label in a comment", Edited(output, "<!--QZVX 0 -->", "<!-- <!--QZVX 0 -->"),
+       "malformed@0 out-of-order@1 code-missing@1"},
+      {"cut off inside a piece", output.substr(0, output.find("B<!--QZVX 3")), "cut-off@2"},
+      {"cut off between pieces", output.substr(0, output.find("</p>")),
+       "code-missing@3 code-missing@3 code-missing@3 code-missing@4 code-missing@4 code-missing@5 code-missing@5 "
+       "code-missing@5"},
+      {"loop back from a piece that never closes", output.substr(0, output.find("<!--QZVX 3")) + "<!--QZVX 1 -->",
+       "cut-off@2"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(Findings(Check(c.edited)), c.findings) << c.edit << ":\n" << c.edited;
+}
+
+TEST_F(LabelCheckTest, AServerThatPrintsNothingOrIgnoresThePageIsToldPlainly) {
+  std::string everyPiece =
+      " code-missing@1 code-missing@2 code-missing@3 code-missing@3 code-missing@3 code-missing@4 code-missing@4 "
+      "code-missing@5 code-missing@5 code-missing@5 code-missing@2";
+  EXPECT_EQ(Findings(Check("")), "no-output@0" + everyPiece);
+  EXPECT_EQ(Findings(Check(" \n")), "no-output@0" + everyPiece);
+  EXPECT_EQ(Findings(Check("Hello")), "no-labels@0" + everyPiece);
+}
+
+TEST(LabelCheckSpeedTest, HostileOutputsAreCheckedInLinearTime) {
+  // 20 000 pieces; outputs whose labels come back reversed, all unknown, or
+  // as one long run of opening labels that nothing closes.
+  const size_t n = 20000;
+  std::u16string page, reversed, unknown, openings;
+  LabelPlaces places;
+  for (size_t k = 0; k < n; ++k) {
+    places.comments.push_back(page.size());
+    page += u"<?= 1 ?>";
+    places.comments.push_back(page.size());
+    page += u" ";
+  }
+  auto label = [](size_t k) {
+    std::string text = "<!--QZVX " + std::to_string(k) + " -->";
+    return std::u16string(text.begin(), text.end());
+  };
+  for (size_t k = 2 * n; k-- > 0;) reversed += label(k) + u"x";
+  for (size_t k = 0; k < 2 * n; ++k) unknown += label(2 * n + k);
+  for (size_t k = 0; k < 2 * n; k += 2) openings += label(k) + u"<p>";
+  for (const std::u16string* output : {&reversed, &unknown, &openings}) {
+    auto begin = std::chrono::steady_clock::now();
+    LabelReport report = CheckLabels(page, places, *output, u"<?");
+    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count(), 2.0);
+    EXPECT_GE(report.warnings.size(), n);
+  }
+}
