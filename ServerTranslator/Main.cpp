@@ -314,11 +314,34 @@ int Text(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rval) {
 // ---------------------------------------------------------------------------
 // End of the pre pass: label insertion
 
+// Label numbers up to 7 digits fit the 5 units each label gets beyond its
+// format's 15 or 11; every number past 9 999 999 needs one unit more for each
+// further digit. Among the labels 0 .. n - 1, those from 10^k on have more
+// than k digits, so the units beyond 7 digits are the sum of n - 10^k over
+// k = 7, 8, 9 wherever it is positive (no int32 label has more than 10
+// digits).
+static int64_t UnitsBeyondSevenDigits(int32_t nLabels) {
+  int64_t nUnits = 0;
+  for (int64_t from = 10000000; from <= 1000000000; from *= 10)
+    if (nLabels > from) nUnits += nLabels - from;
+  return nUnits;
+}
+
+// Code units the labelled page needs, NUL included: nPage units of page,
+// nComments label comments and nAttrs label attributes, numbered from 0.
+// Never short, for any count an IntArray can hold; pages whose labels stay
+// below 10 000 000 get 20 units per comment and 16 per attribute. Computed in
+// 64 bits, so it cannot wrap.
+int64_t LabelledPageSize(int64_t nPage, int32_t nComments, int32_t nAttrs) {
+  return nPage + 20 * int64_t{nComments} + 16 * int64_t{nAttrs} + UnitsBeyondSevenDigits(nComments) +
+         UnitsBeyondSevenDigits(nAttrs) + 1;
+}
+
 namespace {
 
 // Writes the page with a label comment at every place of gOffsetArray and a
-// label attribute at every place of gAttrOffsetArray, into a new text of
-// outSize units. Returns null when memory runs out or a place is out of
+// label attribute at every place of gAttrOffsetArray, into a new text sized
+// by LabelledPageSize. Returns null when memory runs out or a place is out of
 // order or beyond the page, in which case nothing is left allocated.
 char16_t* InsertLabels(const char16_t* page) {
   static const char16_t* const kCommentFormat = char16_literal(u"<!--QZVX %d -->");
@@ -326,8 +349,8 @@ char16_t* InsertLabels(const char16_t* page) {
   const int64_t nPage = static_cast<int64_t>(TextLength(page));
   const int32_t nOff = gOffsetArray.nSize;
   const int32_t nAttr = gAttrOffsetArray.nSize;
-  // Each label's format with room for a 7-digit number: 15 + 5 and 11 + 5.
-  const int64_t outSize = nPage + 20 * int64_t{nOff} + 16 * int64_t{nAttr} + 1;
+  const int64_t outSize = LabelledPageSize(nPage, nOff, nAttr);
+  if (static_cast<uint64_t>(outSize) > SIZE_MAX / sizeof(char16_t)) return nullptr;
   char16_t* outText = static_cast<char16_t*>(MemAlloc(static_cast<size_t>(outSize) * sizeof(char16_t)));
   if (!outText) return nullptr;
 

@@ -36,6 +36,11 @@ extern intptr_t gMarker;                     // post: label of the open tag bein
 extern intptr_t gOffset;                     // both: offset just after the open tag's name
 extern int32_t gbPreTranslate;               // 1 during the pre pass
 
+// Code units of the labelled page that endPreTranslate makes from a page of
+// nPage units with nComments label comments and nAttrs label attributes, NUL
+// included (an upper bound).
+int64_t LabelledPageSize(int64_t nPage, int32_t nComments, int32_t nAttrs);
+
 // Script functions.
 int Initialize(void* cx, void* thisObj, uint32_t argc, ScriptValue* argv, ScriptValue* rval);
 int BeginPreTranslate(void* cx, void* thisObj, uint32_t argc, ScriptValue* argv, ScriptValue* rval);

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <string_view>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,12 @@ class FakeHost {
   qzhost::Engine engine;
   std::array<void*, qzhost::kTableSlots> table;
 };
+
+// Scans page with the stand-in host's scanner and hands every item to the
+// library's scanner callbacks, as the host's translator does; offsets are
+// moved by base. The script values made for one call are dropped after it,
+// so pages of millions of items need no more memory than one call.
+void ScanThroughNatives(FakeHost& host, std::u16string_view page, int32_t base = 0);
 
 // Releases every bit of process-wide state the library holds, so that a test
 // can check that nothing else is left allocated.

@@ -1,5 +1,6 @@
 // Entry, session lifecycle, scanner callbacks, label insertion and the text
 // services, driven through the natives as the translator script drives them.
+#include <algorithm>
 #include <cstring>
 
 #include "FakeHost.h"
@@ -172,6 +173,67 @@ TEST_F(LabelInsertion, FailsWithoutStringToValueOrMemory) {
   MemFailAt(0);
   host.ClearSlot(kSlotStringToValue);
   EXPECT_EQ(host.Call("endPreTranslate", {host.Str(u"page")}).ok, 0);
+}
+
+// Regression: the labelled page was sized for label numbers of up to 7
+// digits, so from label 11 111 111 on the labels were written past its end.
+// The sizing is checked at every digit boundary against the labels' real
+// lengths; the page that needs them is DISABLED_TwentyTwoMegabytePage.
+TEST(LabelSizing, CoversEveryLabelNumberAtEachDigitBoundary) {
+  struct Label {
+    const char16_t* format;
+    int64_t nFixed;  // units besides the number
+  };
+  const Label kComment{u"<!--QZVX %d -->", 13}, kAttr{u" qzvx=\"%d\" ", 9};
+  // Units that the labels 0 .. n - 1 take, decade by decade.
+  auto needed = [](const Label& label, int64_t n) {
+    int64_t units = 0;
+    for (int64_t lo = 0, hi = 10, digits = 1; lo < n; lo = hi, hi *= 10, ++digits)
+      units += (std::min(n, hi) - lo) * (label.nFixed + digits);
+    return units;
+  };
+  std::vector<int64_t> counts = {0, 1, 11111111, 11111112, INT32_MAX};
+  for (int64_t p = 10; p <= 1000000000; p *= 10) counts.insert(counts.end(), {p, p + 1});
+  for (int64_t n : counts) {
+    SCOPED_TRACE(n);
+    const int32_t count = static_cast<int32_t>(n);
+    if (n > 0) {
+      // The count of the last label, as the formatter writes it.
+      char16_t text[32];
+      for (const Label& label : {kComment, kAttr}) {
+        char16_swprintf(text, 32, label.format, count - 1);
+        ASSERT_EQ(needed(label, n) - needed(label, n - 1), static_cast<int64_t>(std::u16string(text).size()));
+      }
+    }
+    EXPECT_GE(LabelledPageSize(7, count, 0), 7 + needed(kComment, n) + 1);
+    EXPECT_GE(LabelledPageSize(7, 0, count), 7 + needed(kAttr, n) + 1);
+    EXPECT_EQ(LabelledPageSize(7, count, count), LabelledPageSize(7, count, 0) + LabelledPageSize(0, 0, count) - 1);
+    if (n <= 10000000) {
+      EXPECT_EQ(LabelledPageSize(7, count, count), 7 + 36 * n + 1) << "ordinary pages keep their budget";
+    }
+  }
+}
+
+// 5 555 556 PHP directives "<??>" and some text: 22 MB of page whose last
+// labels have 8 digits. Too big for the ordinary run; run it with
+//   build/tests/MainTest --gtest_also_run_disabled_tests --gtest_filter='*TwentyTwo*'
+TEST_F(LabelInsertion, DISABLED_TwentyTwoMegabytePageOfDirectives) {
+  const int32_t nDirectives = 5555556;
+  std::u16string page;
+  page.reserve(4 * nDirectives + 4);
+  for (int32_t k = 0; k < nDirectives; ++k) page += u"<?\?>";
+  page += u"text";
+  ASSERT_EQ(host.Call("initialize", {}).ok, 1);
+  ASSERT_EQ(host.Call("beginPreTranslate", {host.Str(u"<?"), host.Str(u"?>"), qzhost::kNull, qzhost::kNull}).ok, 1);
+  ScanThroughNatives(host, page);
+  ASSERT_EQ(gOffsetArray.nSize, 2 * nDirectives);
+  auto r = host.Call("endPreTranslate", {host.Str(page)});
+  ASSERT_EQ(r.ok, 1);
+  const std::u16string labelled = host.Text(r.result);
+  const std::u16string tail = u"<!--QZVX 11111110 --><?\?><!--QZVX 11111111 -->text";
+  EXPECT_EQ(labelled.substr(labelled.size() - tail.size()), tail);
+  EXPECT_EQ(labelled.substr(0, 32), u"<!--QZVX 0 --><?\?><!--QZVX 1 -->");
+  EXPECT_LT(static_cast<int64_t>(labelled.size()), LabelledPageSize(page.size(), 2 * nDirectives, 0));
 }
 
 class TextServices : public LibraryTest {
