@@ -193,10 +193,10 @@ void RecordEncodedAttribute(const TextArg& name, const TextArg& value) {
   char16_t* pName = EncodeURL(name.text, name.length);
   char16_t* pValue = EncodeURL(value.text, value.text ? value.length : 0);
   if (pName && pValue) {
-    StringBufferAdd(&gEncodedAttrs, pName, static_cast<int32_t>(TextLength(pName)));
+    StringBufferAddUnits(&gEncodedAttrs, pName, static_cast<int64_t>(TextLength(pName)));
     StringBufferAdd(&gEncodedAttrs, kEquals, 1);
     if (bQuoted) StringBufferAdd(&gEncodedAttrs, kQuote, 3);
-    StringBufferAdd(&gEncodedAttrs, pValue, static_cast<int32_t>(TextLength(pValue)));
+    StringBufferAddUnits(&gEncodedAttrs, pValue, static_cast<int64_t>(TextLength(pValue)));
     if (bQuoted) StringBufferAdd(&gEncodedAttrs, kQuote, 3);
     StringBufferAdd(&gEncodedAttrs, kBlank, 1);
   }
@@ -428,11 +428,6 @@ char16_t* MergeAllocText(int64_t nUnits) {
   return static_cast<char16_t*>(MemAlloc(static_cast<size_t>(nUnits) * sizeof(char16_t)));
 }
 
-int MergeAppend(StringBuffer* buffer, const char16_t* text, int64_t nUnits) {
-  if (nUnits < 0 || nUnits > INT32_MAX) return 0;
-  return StringBufferAdd(buffer, text, static_cast<int32_t>(nUnits));
-}
-
 // A recorded offset moved by delta, kept within 32 bits: only a forged
 // report can leave the range, and later checks refuse what it points at.
 int32_t MergeClamp(int64_t value) {
@@ -643,9 +638,9 @@ MergeTagForm MergeAppendTagForm(MergeLockContext* ctx, int32_t label, int64_t o)
     for (int64_t i = 0; i < nName && !bColon; ++i) bColon = origText[nameStart + i] == u':';
     if (bColon && !MergeIsKeptQzTag(origText + nameStart, nName)) return kTagFormDeclined;
   }
-  if (!MergeAppend(ctx->locked, origText + o, attrBlock - o) ||
-      !MergeAppend(ctx->locked, ctx->valueAttr, ctx->nValueAttr) ||
-      !MergeAppend(ctx->locked, origText + attrBlock, copyEnd - attrBlock))
+  if (!StringBufferAddUnits(ctx->locked, origText + o, attrBlock - o) ||
+      !StringBufferAddUnits(ctx->locked, ctx->valueAttr, ctx->nValueAttr) ||
+      !StringBufferAddUnits(ctx->locked, origText + attrBlock, copyEnd - attrBlock))
     return kTagFormFailed;
   return kTagFormDone;
 }
@@ -673,7 +668,7 @@ bool MergeAppendLockOpening(MergeLockContext* ctx, int64_t o, int64_t nCode) {
   if (opening) {
     opening[0] = 0;
     bOk = _swprintf(opening, static_cast<size_t>(nOpening), ctx->lockBeginFormat, code) >= 0 &&
-          MergeAppend(ctx->locked, opening, static_cast<int64_t>(TextLength(opening)));
+          StringBufferAddUnits(ctx->locked, opening, static_cast<int64_t>(TextLength(opening)));
   }
   MemFree(opening);
   MemFree(code);
@@ -689,12 +684,12 @@ bool MergeAppendLock(MergeLockContext* ctx, int32_t label, int32_t closing, int3
   const int64_t nCode = end - o;
   if (!MergeAppendLockOpening(ctx, o, nCode)) return false;
   if (label % 2 == 0 && closing == label + 1 && nCode > 0 && kind != 1 && kind != 2) {
-    if (!MergeAppend(ctx->locked, kInvisibleOpen, 14) || !MergeAppend(ctx->locked, ctx->origText + o, nCode) ||
-        !MergeAppend(ctx->locked, kInvisibleClose, 15))
+    if (!StringBufferAddUnits(ctx->locked, kInvisibleOpen, 14) || !StringBufferAddUnits(ctx->locked, ctx->origText + o, nCode) ||
+        !StringBufferAddUnits(ctx->locked, kInvisibleClose, 15))
       return false;
   }
   if (kind == 1 && MergeIsUncolouredTag(ctx->origText, o, end)) {
-    if (!MergeAppend(ctx->locked, ctx->labelFree + s, nOut)) return false;
+    if (!StringBufferAddUnits(ctx->locked, ctx->labelFree + s, nOut)) return false;
   } else {
     if (!ctx->bHiliteIndex) {
       if (!HiliteColorBegin(ctx->labelFree, static_cast<int32_t>(ctx->nLabelFree))) return false;
@@ -702,7 +697,7 @@ bool MergeAppendLock(MergeLockContext* ctx, int32_t label, int32_t closing, int3
     }
     if (!AddHiliteColor(ctx->locked, ctx->labelFree, static_cast<int32_t>(s), static_cast<int32_t>(nOut))) return false;
   }
-  return MergeAppend(ctx->locked, ctx->lockEndText, ctx->nLockEndText);
+  return StringBufferAddUnits(ctx->locked, ctx->lockEndText, ctx->nLockEndText);
 }
 
 // Appends one piece: the labelled stretch (label, closing) of the page, whose
@@ -723,11 +718,11 @@ bool MergeAppendPiece(MergeLockContext* ctx, int32_t label, int32_t closing, int
       MergeTagForm form = MergeAppendTagForm(ctx, label, o);
       if (form != kTagFormDeclined) return form == kTagFormDone;
     } else if (kind == 2) {
-      return MergeAppend(ctx->locked, ctx->origText + o, nCode);
+      return StringBufferAddUnits(ctx->locked, ctx->origText + o, nCode);
     }
   }
   if (nCode == nOut && std::memcmp(piece, ctx->origText + o, static_cast<size_t>(nOut) * sizeof(char16_t)) == 0)
-    return MergeAppend(ctx->locked, piece, nOut);
+    return StringBufferAddUnits(ctx->locked, piece, nOut);
   return MergeAppendLock(ctx, label, closing, kind, o, end, s, nOut);
 }
 
@@ -790,7 +785,7 @@ bool MergeLockPieces(MergeLockContext* ctx) {
       pendingClosing = closing;
       closing = label + 1;
     }
-    if (!MergeAppend(ctx->locked, ctx->labelFree + prevEnd, s - prevEnd)) return false;
+    if (!StringBufferAddUnits(ctx->locked, ctx->labelFree + prevEnd, s - prevEnd)) return false;
     if (!MergeAppendPiece(ctx, label, closing, s, e)) return false;
     MergeShiftTags(&iAttr, s, shift);
     shift = ctx->locked->nSize - e;
@@ -799,8 +794,8 @@ bool MergeLockPieces(MergeLockContext* ctx) {
   }
   MergeShiftTags(&iAttr, INT64_MAX, shift);
   static const char16_t kNul[1] = {0};
-  if (!MergeAppend(ctx->locked, ctx->labelFree + prevEnd, ctx->nLabelFree - prevEnd) ||
-      !MergeAppend(ctx->locked, kNul, 1))
+  if (!StringBufferAddUnits(ctx->locked, ctx->labelFree + prevEnd, ctx->nLabelFree - prevEnd) ||
+      !StringBufferAddUnits(ctx->locked, kNul, 1))
     return false;
   return ctx->locked->pData != nullptr;
 }

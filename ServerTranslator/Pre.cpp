@@ -142,19 +142,28 @@ bool ContainsUnits(const char16_t* text, int64_t n, const char16_t* needle) {
 // ---------------------------------------------------------------------------
 // Label places
 
-// Records (offset, code); offsets are kept in 32 bits like every recorded
-// number. When either append fails the place is lost whole. Arrays without
-// storage (no session open) record nothing.
+// A place computed from a host's offset and a length, in 32 bits like every
+// recorded number. Only a host that reports offsets past the page can make
+// one that does not fit; it is held at the int32 range, where endPreTranslate
+// finds it beyond the page and refuses it, instead of wrapping into the page.
+int32_t PlaceValue(int64_t value) {
+  if (value < INT32_MIN) return INT32_MIN;
+  if (value > INT32_MAX) return INT32_MAX;
+  return static_cast<int32_t>(value);
+}
+
+// Records (offset, code). When either append fails the place is lost whole.
+// Arrays without storage (no session open) record nothing.
 void RecordPlace(int64_t offset, int32_t code) {
   if (!gOffsetArray.pData || !gOffsetTypeArray.pData) return;
-  if (!IntArrayAdd(&gOffsetArray, static_cast<int32_t>(offset))) return;
+  if (!IntArrayAdd(&gOffsetArray, PlaceValue(offset))) return;
   if (!IntArrayAdd(&gOffsetTypeArray, code)) --gOffsetArray.nSize;
 }
 
 void RecordAttrPlace(int64_t offset, int64_t length) {
   if (!gAttrOffsetArray.pData || !gAttrLengthArray.pData) return;
-  if (!IntArrayAdd(&gAttrOffsetArray, static_cast<int32_t>(offset))) return;
-  if (!IntArrayAdd(&gAttrLengthArray, static_cast<int32_t>(length))) --gAttrOffsetArray.nSize;
+  if (!IntArrayAdd(&gAttrOffsetArray, PlaceValue(offset))) return;
+  if (!IntArrayAdd(&gAttrLengthArray, PlaceValue(length))) --gAttrOffsetArray.nSize;
 }
 
 // Drops the places recorded after the first nKeep.
@@ -747,21 +756,23 @@ int PreText(void* cx, uint32_t argc, ScriptValue* argv) {
   if (argc != 2) return 0;
   int32_t length = 0;
   const char16_t* text = HostValueToString(cx, argv[0], &length);
-  intptr_t offset = 0;
-  HostValueToInteger(cx, argv[1], &offset);
+  intptr_t value = 0;
+  HostValueToInteger(cx, argv[1], &value);
+  // Like every offset from the host, only its low 32 bits count.
+  const int64_t offset = static_cast<int32_t>(value);
   if (!text) return 1;
   int32_t nSaved = gOffsetArray.nSize;
   int64_t iStart = -1;
   int64_t iEnd = -1;
   // Each search starts past the last pair, so the run is walked once.
   for (int64_t iFrom = 0; FindHashPair(text, iFrom, &iStart, &iEnd); iFrom = iEnd + 1) {
-    RecordPlace(static_cast<int64_t>(offset) + iStart, kPlaceExpression);
-    RecordPlace(static_cast<int64_t>(offset) + iEnd + 1, kPlaceEnd);
+    RecordPlace(offset + iStart, kPlaceExpression);
+    RecordPlace(offset + iEnd + 1, kPlaceEnd);
   }
   if (iStart >= 1 && iEnd == -1) {
     CutPlaces(nSaved);
     RecordPlace(offset, kPlaceDirective);
-    RecordPlace(static_cast<int64_t>(offset) + (length < 0 ? 0 : length), kPlaceEnd);
+    RecordPlace(offset + (length < 0 ? 0 : length), kPlaceEnd);
   }
   return 1;
 }

@@ -280,6 +280,8 @@ TEST_F(PrePass, ExpressionsInZboutputBlocks) {
   auto r = host.Call("text", {host.Str(u"#x#")});
   EXPECT_EQ(std::pair(r.ok, r.result), std::pair(0, qzhost::kTrue)) << "a wrong count fails inside a block";
   EXPECT_EQ(LabelPlaces(), Places{});
+  Call("text", {host.Str(u"#x#"), host.Int(INT64_MAX)});
+  EXPECT_EQ(LabelPlaces(), (Places{{-1, 3}, {2, 6}})) << "only the offset's low 32 bits count";
   const auto all = host.table;
   host.ClearSlot(kSlotValueToString);
   EXPECT_EQ(recorded(u"#x#", 0), Places{}) << "a host that cannot convert the text: nothing, no failure";

@@ -59,6 +59,12 @@ TEST_F(StringBufferTest, FailedGrowthLeavesTheBufferAsItWas) {
   EXPECT_EQ(StringBufferAdd(&huge, u"x", 1), 0);
   EXPECT_EQ(MemAttempts(), 0) << "refused before allocating";
   EXPECT_EQ(Fields(huge), std::tuple(storage, 0x50000000 - 1, 0x50000000));
+
+  // Counts from 64-bit arithmetic or measured texts are refused, not wrapped
+  // or asserted on.
+  for (int64_t nUnits : {int64_t{-1}, int64_t{INT32_MAX} + 1, int64_t{1} << 32})
+    EXPECT_EQ(StringBufferAddUnits(&huge, u"x", nUnits), 0) << nUnits;
+  EXPECT_EQ(Fields(huge), std::tuple(storage, 0x50000000 - 1, 0x50000000));
 }
 
 TEST(StringBufferDeathTest, NegativeCountStops) {
