@@ -1050,67 +1050,63 @@ int SetLineEndingsToMatch(void* cx, void*, uint32_t argc, ScriptValue* argv, Scr
   return ok;
 }
 
-namespace {
-
-bool MatchesFolded(const char16_t* text, const char16_t* word, size_t nWord) {
-  for (size_t k = 0; k < nWord; ++k)
-    if (FoldUnit(text[k]) != FoldUnit(word[k])) return false;  // stops at the text's NUL
-  return true;
-}
-
-}  // namespace
-
 // Replaces the search text wherever it stands inside an element of the
-// given tag name (nesting counted, case folded). An empty search text finds
-// nothing, so the text comes back unchanged.
+// given tag name (nesting counted, case folded). The tag name, search text
+// and replacement are the units the host reports, NUL units included; the
+// text is walked to its NUL, and a comparison that would need a unit at or
+// past that NUL does not match. An empty search text finds nothing, so the
+// text comes back unchanged. Fails when the host cannot give the texts or
+// memory runs out.
 int ReplaceTextInsideTag(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rval) {
   if (argc != 4) return 0;
   const char16_t* args[4];
+  int64_t lengths[4];
   for (int k = 0; k < 4; ++k) {
     int32_t nReported = 0;
     args[k] = HostValueToString(cx, argv[k], &nReported);
     if (!args[k]) return 0;
+    lengths[k] = nReported < 0 ? 0 : nReported;
   }
   const char16_t* text = args[0];
   const char16_t* name = args[1];
   const char16_t* search = args[2];
   const char16_t* replacement = args[3];
-  // Lengths are measured, not taken from the host: the walk runs to the
-  // NUL, so the output bound must be based on the same text.
-  const int64_t L0 = static_cast<int64_t>(TextLength(text));
-  const int64_t L1 = static_cast<int64_t>(TextLength(name));
-  const int64_t L2 = static_cast<int64_t>(TextLength(search));
-  const int64_t L3 = static_cast<int64_t>(TextLength(replacement));
+  const int64_t L0 = lengths[0], L1 = lengths[1], L2 = lengths[2], L3 = lengths[3];
 
-  // Each replacement turns L2 units into L3; L0 * L3 stays below 2^62.
+  // Each replacement turns L2 units into L3, so the text's L0 units become
+  // at most L0 * L3 / L2 (below 2^62: no wrap).
   int64_t outSize = (L2 > 0 && L3 > L2 ? L0 * L3 / L2 : L0) + 1;
   if (static_cast<uint64_t>(outSize) > SIZE_MAX / sizeof(char16_t)) return 0;
   char16_t* outText = static_cast<char16_t*>(MemAlloc(static_cast<size_t>(outSize) * sizeof(char16_t)));
   if (!outText) return 0;
 
+  // The walk ends at the NUL, and never past the L0 units the room was
+  // computed for, whatever the host reported.
+  int64_t n = 0;
+  while (n < L0 && text[n] != 0) ++n;
+  auto matchesAt = [&](int64_t at, const char16_t* word, int64_t nWord) {
+    return at + nWord <= n && UnitsEqualFolded(text + at, word, static_cast<size_t>(nWord));
+  };
   char16_t* out = outText;
-  const char16_t* p = text;
   int64_t depth = 0;
-  while (*p) {
-    if (*p == u'<') {
-      if (L1 == 0 || MatchesFolded(p + 1, name, static_cast<size_t>(L1))) {
-        ++depth;
-        *out++ = *p++;
-        continue;
-      }
-      if (p[1] == u'/' && MatchesFolded(p + 2, name, static_cast<size_t>(L1))) {
-        if (depth > 0) --depth;
-        *out++ = *p++;
+  for (int64_t i = 0; i < n;) {
+    if (text[i] == u'<') {
+      bool bOpen = L1 == 0 || matchesAt(i + 1, name, L1);
+      bool bClose = !bOpen && i + 1 < n && text[i + 1] == u'/' && matchesAt(i + 2, name, L1);
+      if (bOpen) ++depth;
+      if (bClose && depth > 0) --depth;
+      if (bOpen || bClose) {
+        *out++ = text[i++];
         continue;
       }
     }
-    if (depth > 0 && L2 > 0 && MatchesFolded(p, search, static_cast<size_t>(L2))) {
+    if (depth > 0 && L2 > 0 && matchesAt(i, search, L2)) {
       std::memcpy(out, replacement, static_cast<size_t>(L3) * sizeof(char16_t));
       out += L3;
-      p += L2;
+      i += L2;
       continue;
     }
-    *out++ = *p++;
+    *out++ = text[i++];
   }
   *out = 0;
   int result = HostStringToValue(cx, outText, rval);

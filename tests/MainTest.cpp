@@ -277,6 +277,21 @@ TEST_F(TextServices, ReplacesOnlyInsideTheNamedElements) {
   EXPECT_EQ(Replace(u"no tag x", u"b", u"x", u"y"), u"no tag x");
 }
 
+// The tag name, search text and replacement are as long as the host says,
+// U+0000 included; the text ends at its NUL, and a comparison that would
+// need the NUL or what lies past it does not match.
+TEST_F(TextServices, ReplacementTakesTheHostsLengthsNulUnitsIncluded) {
+  using namespace std::string_literals;
+  EXPECT_EQ(Replace(u"<>", u"\0"s, u">", u"a"), u"<>") << "the tag name is one NUL unit, not empty";
+  EXPECT_EQ(Replace(u"<xy", u"", u"x\0"s, u"a"), u"<xy") << "the search text's NUL must match too";
+  EXPECT_EQ(Replace(u"<xa", u"", u"x", u"\0"s), u"<") << "the result ends at the replacement's NUL";
+  EXPECT_EQ(Replace(u"<b>xy", u"b", u"xy", u"z"), u"<b>z") << "a search that ends with the text";
+  EXPECT_EQ(Replace(u"<b>x", u"b", u"x\0"s, u"z"), u"<b>x") << "a search that needs the text's NUL";
+  EXPECT_EQ(Replace(u"<b", u"b", u"b", u"z"), u"<z") << "a tag name that ends with the text";
+  EXPECT_EQ(Replace(u"<b", u"b\0"s, u"b", u"z"), u"<b") << "a tag name that needs the text's NUL";
+  EXPECT_EQ(Replace(u"<b>x\0<b>x"s, u"b", u"x", u"z"), u"<b>z") << "the walk ends at the text's first NUL";
+}
+
 TEST_F(TextServices, ReplacementsGrowTheTextWithinItsBudget) {
   // Ten units, eight of them replaced by pairs: 2 units become 5, four times.
   EXPECT_EQ(Replace(u"<bxxxxxxxx", u"b", u"xx", u"12345").size(), 10u + 4 * 3);
