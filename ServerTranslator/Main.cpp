@@ -13,6 +13,7 @@
 #include "Assert.h"
 #include "HiliteColor.h"
 #include "Memory.h"
+#include "PostRecord.h"
 #include "Pre.h"
 #include "StringArray.h"
 #include "Utility.h"
@@ -181,29 +182,6 @@ bool IsTitle(const char16_t* text) {
   return text && TextLength(text) == 5 && UnitsEqualFolded(text, kTitle, 5);
 }
 
-// Appends one attribute's entry to the current record of the encoded list:
-// name=value and a blank, the value quoted with %22 when it holds a blank.
-// When memory runs out the entry is dropped whole; the record still ends at
-// the tag's end.
-void RecordEncodedAttribute(const TextArg& name, const TextArg& value) {
-  static const char16_t* const kEquals = char16_literal(u"=");
-  static const char16_t* const kQuote = char16_literal(u"%22");
-  static const char16_t* const kBlank = char16_literal(u" ");
-  bool bQuoted = !value.text || std::char_traits<char16_t>::find(value.text, TextLength(value.text), u' ');
-  char16_t* pName = EncodeURL(name.text, name.length);
-  char16_t* pValue = EncodeURL(value.text, value.text ? value.length : 0);
-  if (pName && pValue) {
-    StringBufferAddUnits(&gEncodedAttrs, pName, static_cast<int64_t>(TextLength(pName)));
-    StringBufferAdd(&gEncodedAttrs, kEquals, 1);
-    if (bQuoted) StringBufferAdd(&gEncodedAttrs, kQuote, 3);
-    StringBufferAddUnits(&gEncodedAttrs, pValue, static_cast<int64_t>(TextLength(pValue)));
-    if (bQuoted) StringBufferAdd(&gEncodedAttrs, kQuote, 3);
-    StringBufferAdd(&gEncodedAttrs, kBlank, 1);
-  }
-  MemFree(pName);
-  MemFree(pValue);
-}
-
 }  // namespace
 
 int Directive(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rval) {
@@ -216,11 +194,8 @@ int Directive(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rv
     return Succeed(rval);
   }
   int label = 0;
-  if (char16_swscanf(text.text, char16_literal(u"<!--QZVX %d"), &label) == 1) {
-    IntArrayAdd(&gFromServerOffsetArray, offset);
-    IntArrayAdd(&gFromServerLengthArray, text.length);
-    IntArrayAdd(&gLabelArray, label);
-  }
+  if (char16_swscanf(text.text, char16_literal(u"<!--QZVX %d"), &label) == 1)
+    PostRecordLabelComment(offset, text.length, label);
   return Succeed(rval);
 }
 
@@ -235,8 +210,7 @@ int OpenTagBegin(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue*
     return Succeed(rval);
   }
   gMarker = -1;
-  IntArrayAdd(&gFromServerTagBeginArray, offset);
-  if (IsTitle(name.text)) gFromServerTitleInsideStart = gFromServerTagEndArray.nSize;
+  PostRecordOpenTagBegin(offset, IsTitle(name.text));
   return Succeed(rval);
 }
 
@@ -256,7 +230,7 @@ int Attribute(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rv
     return Succeed(rval);
   }
   if (gMarker == -1) return Succeed(rval);
-  RecordEncodedAttribute(name, value);
+  PostRecordAttribute(name.text, name.length, value.text, value.length);
   return Succeed(rval);
 }
 
@@ -271,13 +245,9 @@ int OpenTagEnd(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* r
   if (gMarker != -1) {
     uint32_t nClosing = static_cast<uint32_t>(TextLength(closing.text));
     uint32_t length = static_cast<uint32_t>(endOffset) - static_cast<uint32_t>(gOffset) - 1u - nClosing;
-    static const char16_t kNul[1] = {0};
-    IntArrayAdd(&gAttrFromServerOffsetArray, static_cast<int32_t>(gOffset));
-    IntArrayAdd(&gAttrFromServerLengthArray, static_cast<int32_t>(length));
-    IntArrayAdd(&gAttrLabelArray, static_cast<int32_t>(gMarker));
-    StringBufferAdd(&gEncodedAttrs, kNul, 1);
+    PostRecordLabelledTag(static_cast<int32_t>(gOffset), static_cast<int32_t>(length), static_cast<int32_t>(gMarker));
   }
-  IntArrayAdd(&gFromServerTagEndArray, endOffset);
+  PostRecordTagEnd(endOffset);
   return Succeed(rval);
 }
 
@@ -289,8 +259,7 @@ int CloseTagBegin(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue
     if (name.text) PreCloseTagBegin(name.text, offset);
     return Succeed(rval);
   }
-  if (IsTitle(name.text)) gFromServerTitleInsideEnd = gFromServerTagBeginArray.nSize;
-  IntArrayAdd(&gFromServerTagBeginArray, offset);
+  PostRecordCloseTagBegin(offset, IsTitle(name.text));
   return Succeed(rval);
 }
 
@@ -300,7 +269,7 @@ int CloseTagEnd(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* 
   if (gbPreTranslate)
     PreCloseTagEnd(endOffset);
   else
-    IntArrayAdd(&gFromServerTagEndArray, endOffset);
+    PostRecordTagEnd(endOffset);
   return Succeed(rval);
 }
 

@@ -413,6 +413,31 @@ TEST_F(PrePass, CloseTagsFindTheInnermostEntryOfTheirName) {
   }
 }
 
+// The four open-tag stacks take an entry together or not at all. The 101st
+// push grows all four, and each of its allocations is failed in turn: the
+// stacks stay of one length, and a close tag still finds its entry.
+TEST_F(PrePass, OpenTagStacksStayInStepWhenAPushFails) {
+  for (long failAt = 1;; ++failAt) {
+    SCOPED_TRACE(failAt);
+    BeginWith({u"x:"});
+    for (int32_t i = 0; i < 100; ++i) PreOpenTagBegin(i % 2 ? u"p" : u"div", i);
+    MemFailAt(failAt);
+    Call("openTagBegin", {host.Str(u"x:a"), host.Int(500)});
+    const bool bFailed = MemAttempts() >= failAt;
+    MemFailAt(0);
+    Call("openTagEnd", {host.Int(505), host.Str(u"")});
+    const int32_t n = gOpenTags.nSize;
+    EXPECT_EQ(n, bFailed ? 100 : 101);
+    EXPECT_TRUE(gOpenTagOffsets.nSize == n && gOpenTagIsServerTag.nSize == n && gOpenTagIsNonHtmlServerTag.nSize == n);
+    EXPECT_EQ(LabelPlaces(), bFailed ? Places{} : (Places{{500, 1}, {505, 6}}));
+    Scan(u"</div>", 600);
+    EXPECT_EQ(gOpenTags.nSize, 98) << "the innermost div closed, with the p above it";
+    End();
+    if (!bFailed) break;
+    ASSERT_EQ(host.Call("initialize", {}).ok, 1);
+  }
+}
+
 // Hostile pages: the handlers are called directly so that only the library
 // is timed.
 TEST_F(PrePass, TensOfThousandsOfUnclosedTagsAndLongTextRunsStayFast) {
