@@ -44,32 +44,38 @@ int32_t gbPreTranslate;
 
 namespace {
 
-struct ScriptFunction {
-  const char* name;
+struct NativeEntry {
+  ScriptFunctionId id;
   Native fn;
-  int nargs;
 };
 
-// Registration order and arities are part of the contract with the
-// translator script; the arity is what the host is told, not what each
-// function accepts.
-const ScriptFunction kScriptFunctions[] = {
-    {"initialize", Initialize, 0},
-    {"beginPreTranslate", BeginPreTranslate, 2},
-    {"endPreTranslate", EndPreTranslate, 1},
-    {"setLineEndingsToMatch", SetLineEndingsToMatch, 2},
-    {"replaceTextInsideTag", ReplaceTextInsideTag, 4},
-    {"beginPostTranslate", BeginPostTranslate, 0},
-    {"endPostTranslate", EndPostTranslate, 2},
-    {"cleanup", Cleanup, 0},
-    {"directive", Directive, 2},
-    {"openTagBegin", OpenTagBegin, 2},
-    {"openTagEnd", OpenTagEnd, 2},
-    {"attribute", Attribute, 2},
-    {"closeTagBegin", CloseTagBegin, 2},
-    {"closeTagEnd", CloseTagEnd, 1},
-    {"text", Text, 2},
+// The native of each script function, in the contract's order of
+// registration; its names and arities come from the contract.
+constexpr NativeEntry kNatives[] = {
+    {kFnInitialize, Initialize},
+    {kFnBeginPreTranslate, BeginPreTranslate},
+    {kFnEndPreTranslate, EndPreTranslate},
+    {kFnSetLineEndingsToMatch, SetLineEndingsToMatch},
+    {kFnReplaceTextInsideTag, ReplaceTextInsideTag},
+    {kFnBeginPostTranslate, BeginPostTranslate},
+    {kFnEndPostTranslate, EndPostTranslate},
+    {kFnCleanup, Cleanup},
+    {kFnDirective, Directive},
+    {kFnOpenTagBegin, OpenTagBegin},
+    {kFnOpenTagEnd, OpenTagEnd},
+    {kFnAttribute, Attribute},
+    {kFnCloseTagBegin, CloseTagBegin},
+    {kFnCloseTagEnd, CloseTagEnd},
+    {kFnText, Text},
 };
+
+constexpr bool InContractOrder() {
+  int i = 0;
+  for (const NativeEntry& e : kNatives)
+    if (e.id != i++) return false;
+  return i == kScriptFunctionCount;
+}
+static_assert(InContractOrder(), "one native per script function, in the order of registration");
 
 }  // namespace
 
@@ -87,10 +93,11 @@ intptr_t QZ_InitWrapper(void* const* table, uint32_t sizeInBytes) {
 // operation's result for the last one, or 0 as soon as the slot is empty.
 intptr_t QZ_Init() {
   intptr_t result = 0;
-  for (const ScriptFunction& f : kScriptFunctions) {
+  for (const NativeEntry& e : kNatives) {
     DefineFunctionOp define = HostOp<DefineFunctionOp>(kSlotDefineFunction);
     if (!define) return 0;
-    result = define(qzEnv[kSlotLibraryObject], f.name, f.fn, f.nargs);
+    const ScriptFunctionName& f = kScriptFunctionNames[e.id];
+    result = define(qzEnv[kSlotLibraryObject], f.name, e.fn, f.nargs);
   }
   return result;
 }
@@ -194,7 +201,7 @@ int Directive(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rv
     return Succeed(rval);
   }
   int label = 0;
-  if (char16_swscanf(text.text, char16_literal(u"<!--QZVX %d"), &label) == 1)
+  if (char16_swscanf(text.text, char16_literal(kLabelCommentScan), &label) == 1)
     PostRecordLabelComment(offset, text.length, label);
   return Succeed(rval);
 }
@@ -223,7 +230,7 @@ int Attribute(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rv
     if (name.text && value.text) PreAttributeVX(name.text, value.text);
     return Succeed(rval);
   }
-  static const char16_t* const kLabelName = char16_literal(u"qzvx");
+  static const char16_t* const kLabelName = char16_literal(kLabelAttrName);
   if (name.text && TextLength(name.text) == 4 && std::char_traits<char16_t>::compare(name.text, kLabelName, 4) == 0) {
     ValueToIntegerOp toInteger = HostOp<ValueToIntegerOp>(kSlotValueToInteger);
     if (toInteger) toInteger(cx, argv[1], &gMarker);
@@ -313,8 +320,8 @@ namespace {
 // by LabelledPageSize. Returns null when memory runs out or a place is out of
 // order or beyond the page, in which case nothing is left allocated.
 char16_t* InsertLabels(const char16_t* page) {
-  static const char16_t* const kCommentFormat = char16_literal(u"<!--QZVX %d -->");
-  static const char16_t* const kAttrFormat = char16_literal(u" qzvx=\"%d\" ");
+  static const char16_t* const kCommentFormat = char16_literal(kLabelCommentFormat);
+  static const char16_t* const kAttrFormat = char16_literal(kLabelAttrFormat);
   const int64_t nPage = static_cast<int64_t>(TextLength(page));
   const int32_t nOff = gOffsetArray.nSize;
   const int32_t nAttr = gAttrOffsetArray.nSize;
@@ -429,7 +436,7 @@ bool MergeIsLabel(int32_t label) { return label >= 0 && label < MergeMin(gOffset
 // (the server moved or rewrote it) or whose tag does not end. The arrays
 // then stay as far as they were rewritten.
 char16_t* RemoveLabels(const char16_t* serverText, int64_t* pLength) {
-  static const char16_t* const kLabelAttr = char16_literal(u" qzvx=");
+  static const char16_t* const kLabelAttr = char16_literal(kLabelAttrLead);
   const int64_t n = static_cast<int64_t>(TextLength(serverText));
   if (n >= INT32_MAX) return nullptr;
   const int64_t outSize = n + 1;
