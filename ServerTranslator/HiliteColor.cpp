@@ -26,8 +26,8 @@
 #include <iterator>
 
 #include "Assert.h"
-#include "Main.h"
 #include "Memory.h"
+#include "Session.h"
 #include "Utility.h"
 
 namespace {

@@ -15,6 +15,7 @@
 #include "Memory.h"
 #include "PostRecord.h"
 #include "Pre.h"
+#include "Session.h"
 #include "StringArray.h"
 #include "Utility.h"
 

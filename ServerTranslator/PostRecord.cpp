@@ -14,8 +14,8 @@
 
 #include <string>
 
-#include "Main.h"
 #include "Memory.h"
+#include "Session.h"
 #include "Utility.h"
 
 namespace {

@@ -22,8 +22,8 @@
 
 #include <cstring>
 
-#include "Main.h"
 #include "Memory.h"
+#include "Session.h"
 #include "Utility.h"
 
 char16_t* gDirStartChars;

@@ -1,6 +1,7 @@
 #include "FakeHost.h"
 
 #include "Main.h"
+#include "Session.h"
 #include "Memory.h"
 #include "Pre.h"
 #include "Scanner.h"

@@ -8,6 +8,7 @@
 #include "FakeHost.h"
 #include "HiliteColor.h"
 #include "Main.h"
+#include "Session.h"
 #include "Memory.h"
 
 namespace {
