@@ -28,7 +28,7 @@
 #include "Assert.h"
 #include "Memory.h"
 #include "Session.h"
-#include "Utility.h"
+#include "Text16.h"
 
 namespace {
 

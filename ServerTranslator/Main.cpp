@@ -17,6 +17,7 @@
 #include "Pre.h"
 #include "Session.h"
 #include "StringArray.h"
+#include "Text16.h"
 #include "Utility.h"
 
 void* qzEnv[kHostSlotCount];
@@ -187,7 +188,7 @@ int Succeed(ScriptValue* rval) {
 // True when text is the whole word "title", ignoring case.
 bool IsTitle(const char16_t* text) {
   static const char16_t* const kTitle = char16_literal(u"title");
-  return text && TextLength(text) == 5 && UnitsEqualFolded(text, kTitle, 5);
+  return text && TextsEqualFolded(text, kTitle);
 }
 
 }  // namespace
@@ -327,8 +328,7 @@ char16_t* InsertLabels(const char16_t* page) {
   const int32_t nOff = gOffsetArray.nSize;
   const int32_t nAttr = gAttrOffsetArray.nSize;
   const int64_t outSize = LabelledPageSize(nPage, nOff, nAttr);
-  if (static_cast<uint64_t>(outSize) > SIZE_MAX / sizeof(char16_t)) return nullptr;
-  char16_t* outText = static_cast<char16_t*>(MemAlloc(static_cast<size_t>(outSize) * sizeof(char16_t)));
+  char16_t* outText = TextAlloc(outSize);
   if (!outText) return nullptr;
 
   char16_t* outPtr = outText;
@@ -398,13 +398,6 @@ namespace {
 
 int32_t MergeMin(int32_t a, int32_t b) { return a < b ? a : b; }
 
-// A new text of nUnits code units; null when memory runs out or the size
-// cannot be represented.
-char16_t* MergeAllocText(int64_t nUnits) {
-  if (nUnits <= 0 || static_cast<uint64_t>(nUnits) > SIZE_MAX / sizeof(char16_t)) return nullptr;
-  return static_cast<char16_t*>(MemAlloc(static_cast<size_t>(nUnits) * sizeof(char16_t)));
-}
-
 // A recorded offset moved by delta, kept within 32 bits: only a forged
 // report can leave the range, and later checks refuse what it points at.
 int32_t MergeClamp(int64_t value) {
@@ -441,7 +434,7 @@ char16_t* RemoveLabels(const char16_t* serverText, int64_t* pLength) {
   const int64_t n = static_cast<int64_t>(TextLength(serverText));
   if (n >= INT32_MAX) return nullptr;
   const int64_t outSize = n + 1;
-  char16_t* outText = MergeAllocText(outSize);
+  char16_t* outText = TextAlloc(outSize);
   if (!outText) return nullptr;
 
   IntArray* comments = &gFromServerOffsetArray;
@@ -567,7 +560,7 @@ char16_t* MergeFormatValueAttr(const char16_t* translatedValue, int64_t* pLength
   static const char16_t* const kFormat = char16_literal(u" qzTranslatedValue=\"%ls\"");
   const int64_t nSize =
       static_cast<int64_t>(TextLength(kFormat)) + static_cast<int64_t>(TextLength(translatedValue)) + 1;
-  char16_t* text = MergeAllocText(nSize);
+  char16_t* text = TextAlloc(nSize);
   if (!text) return nullptr;
   char16_swprintf(text, static_cast<size_t>(nSize), kFormat, translatedValue);
   *pLength = static_cast<int64_t>(TextLength(text));
@@ -640,7 +633,7 @@ bool MergeAppendLockOpening(MergeLockContext* ctx, int64_t o, int64_t nCode) {
   char16_t* code = EncodeURL(ctx->origText + o, static_cast<int32_t>(nCode));
   if (!code) return false;
   const int64_t nOpening = ctx->nLockBeginFormat + static_cast<int64_t>(TextLength(code)) + 1;
-  char16_t* opening = MergeAllocText(nOpening);
+  char16_t* opening = TextAlloc(nOpening);
   bool bOk = false;
   if (opening) {
     opening[0] = 0;
@@ -904,7 +897,7 @@ char16_t* AddAttributes(const char16_t* origText, const char16_t* lockedText, in
     if (label >= 0 && label < nSourceTags && gAttrLengthArray.pData[label] > 0)
       outSize += gAttrLengthArray.pData[label];
   }
-  char16_t* outText = MergeAllocText(outSize);
+  char16_t* outText = TextAlloc(outSize);
   if (!outText) return nullptr;
   char16_t* outPtr = outText;
   auto room = [&]() { return outSize - (outPtr - outText); };
@@ -1053,8 +1046,7 @@ int ReplaceTextInsideTag(void* cx, void*, uint32_t argc, ScriptValue* argv, Scri
   // Each replacement turns L2 units into L3, so the text's L0 units become
   // at most L0 * L3 / L2 (below 2^62: no wrap).
   int64_t outSize = (L2 > 0 && L3 > L2 ? L0 * L3 / L2 : L0) + 1;
-  if (static_cast<uint64_t>(outSize) > SIZE_MAX / sizeof(char16_t)) return 0;
-  char16_t* outText = static_cast<char16_t*>(MemAlloc(static_cast<size_t>(outSize) * sizeof(char16_t)));
+  char16_t* outText = TextAlloc(outSize);
   if (!outText) return 0;
 
   // The walk ends at the NUL, and never past the L0 units the room was

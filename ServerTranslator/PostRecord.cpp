@@ -16,6 +16,7 @@
 
 #include "Memory.h"
 #include "Session.h"
+#include "Text16.h"
 #include "Utility.h"
 
 namespace {

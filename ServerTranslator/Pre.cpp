@@ -24,6 +24,7 @@
 
 #include "Memory.h"
 #include "Session.h"
+#include "Text16.h"
 #include "Utility.h"
 
 char16_t* gDirStartChars;
@@ -65,21 +66,6 @@ PendingTag sPendingTag = kNoTag;
 // ---------------------------------------------------------------------------
 // Text helpers
 
-// Whole texts equal after folding (the comparison of the Exact lookups).
-bool SameFolded(const char16_t* a, const char16_t* b) {
-  for (;; ++a, ++b) {
-    if (FoldUnit(*a) != FoldUnit(*b)) return false;
-    if (*a == 0) return true;
-  }
-}
-
-// text begins with prefix, folded; a shorter text never does.
-bool BeginsWithFolded(const char16_t* text, const char16_t* prefix) {
-  for (; *prefix; ++text, ++prefix)
-    if (*text == 0 || FoldUnit(*text) != FoldUnit(*prefix)) return false;
-  return true;
-}
-
 // FoldedHash in steps, so that the hashes of all beginnings of a name come
 // from one walk over it: start with kHashStart, add units with HashStep,
 // and finish each value with HashEnd.
@@ -99,40 +85,6 @@ uint32_t FoldedHash(const char16_t* text) {
   uint32_t h = kHashStart;
   for (; *text; ++text) h = HashStep(h, *text);
   return HashEnd(h);
-}
-
-// First index of needle (m units) in text (n units), exact units, or -1; an
-// empty needle is found at 0. Knuth-Morris-Pratt keeps it linear whatever
-// needle the script configured. When a long needle's table cannot be
-// allocated, the plain search gives the same answer, only slower.
-int64_t FindUnits(const char16_t* text, int64_t n, const char16_t* needle, int64_t m) {
-  if (m == 0) return 0;
-  if (m > n) return -1;
-  int32_t localTable[64];
-  int32_t* pTable = localTable;
-  if (m > 64) pTable = static_cast<int32_t*>(MemAlloc(static_cast<size_t>(m) * sizeof(int32_t)));
-  if (!pTable) {
-    for (int64_t i = 0; i + m <= n; ++i)
-      if (std::memcmp(text + i, needle, static_cast<size_t>(m) * sizeof(char16_t)) == 0) return i;
-    return -1;
-  }
-  pTable[0] = 0;
-  for (int64_t i = 1, k = 0; i < m; ++i) {
-    while (k > 0 && needle[i] != needle[k]) k = pTable[k - 1];
-    if (needle[i] == needle[k]) ++k;
-    pTable[i] = static_cast<int32_t>(k);
-  }
-  int64_t iFound = -1;
-  for (int64_t i = 0, k = 0; i < n; ++i) {
-    while (k > 0 && text[i] != needle[k]) k = pTable[k - 1];
-    if (text[i] == needle[k]) ++k;
-    if (k == m) {
-      iFound = i - m + 1;
-      break;
-    }
-  }
-  if (pTable != localTable) MemFree(pTable);
-  return iFound;
 }
 
 bool ContainsUnits(const char16_t* text, int64_t n, const char16_t* needle) {
@@ -258,7 +210,7 @@ uint32_t IndexProbe(const char16_t* name, uint32_t hash) {
   for (;; s = (s + 1) & mask) {
     int32_t k = sIndex.pSlots[s];
     if (k == -1) return s;
-    if (sIndex.pLinks[k].hash == hash && SameFolded(gOpenTags.pData[k], name)) return s;
+    if (sIndex.pLinks[k].hash == hash && TextsEqualFolded(gOpenTags.pData[k], name)) return s;
   }
 }
 
@@ -518,7 +470,7 @@ bool IsServerTagName(const char16_t* name) {
   return false;
 }
 
-bool IsZboutput(const char16_t* name) { return SameFolded(name, char16_literal(u"zboutput")); }
+bool IsZboutput(const char16_t* name) { return TextsEqualFolded(name, char16_literal(u"zboutput")); }
 
 // A zboutput block whose content is exactly one #...# expression ends with
 // five places: code 1 at the block's tag, its code 6, code 3 at the same
@@ -579,7 +531,7 @@ int CopyArgumentText(void* cx, ScriptValue v, char16_t** pTarget) {
   int32_t n = 0;
   const char16_t* text = HostValueToString(cx, v, &n);
   if (!text || n < 0) n = 0;
-  char16_t* copy = static_cast<char16_t*>(MemAlloc((static_cast<size_t>(n) + 1) * sizeof(char16_t)));
+  char16_t* copy = TextAlloc(int64_t{n} + 1);
   if (!copy) return 0;
   int32_t i = 0;
   for (; i < n && text[i]; ++i) copy[i] = text[i];
@@ -598,7 +550,7 @@ void DeclareTaglibPrefix(const char16_t* text, int64_t length) {
   if (text[0] != u'<' || text[1] != u'%' || text[2] != u'@') return;
   char16_t word[128];
   if (char16_swscanf(text + 3, char16_literal(u" %120ls"), word) != 1) return;
-  if (!SameFolded(word, char16_literal(u"taglib"))) return;
+  if (!TextsEqualFolded(word, char16_literal(u"taglib"))) return;
   int64_t iWord = FindUnits(text, length, char16_literal(u"prefix"), 6);
   if (iWord < 0) iWord = FindUnits(text, length, char16_literal(u"PREFIX"), 6);
   if (iWord < 0) return;
@@ -818,7 +770,7 @@ int PreAttributeVX(const char16_t* name, const char16_t* value) {
   for (int32_t i = 0; i < nRules; ++i) {
     const char16_t* ruleName = gAttrsForServerTags.pData[i];
     const char16_t* ruleValue = gAttrValuesForServerTags.pData[i];
-    if (!SameFolded(name, ruleName) || !SameFolded(value, ruleValue)) continue;
+    if (!TextsEqualFolded(name, ruleName) || !TextsEqualFolded(value, ruleValue)) continue;
     if (gOpenTagIsServerTag.pData[iTop] == 0 && gInsideNonHtml == 0)
       RecordPlace(gOpenTagOffsets.pData[iTop], kPlaceServerOpenTag);
     gOpenTagIsServerTag.pData[iTop] = 1;
