@@ -13,11 +13,6 @@ QZ_EXPORT int JS_PropertyStub();
 QZ_EXPORT void JS_FinalizeStub();
 intptr_t QZ_Init();
 
-// Code units of the labelled page that endPreTranslate makes from a page of
-// nPage units with nComments label comments and nAttrs label attributes, NUL
-// included (an upper bound).
-int64_t LabelledPageSize(int64_t nPage, int32_t nComments, int32_t nAttrs);
-
 // Script functions.
 int Initialize(void* cx, void* thisObj, uint32_t argc, ScriptValue* argv, ScriptValue* rval);
 int BeginPreTranslate(void* cx, void* thisObj, uint32_t argc, ScriptValue* argv, ScriptValue* rval);

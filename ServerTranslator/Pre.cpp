@@ -62,28 +62,21 @@ PendingTag sPendingTag = kNoTag;
 // ---------------------------------------------------------------------------
 // Label places
 
-// A place computed from a host's offset and a length, in 32 bits like every
-// recorded number. Only a host that reports offsets past the page can make
-// one that does not fit; it is held at the int32 range, where endPreTranslate
-// finds it beyond the page and refuses it, instead of wrapping into the page.
-int32_t PlaceValue(int64_t value) {
-  if (value < INT32_MIN) return INT32_MIN;
-  if (value > INT32_MAX) return INT32_MAX;
-  return static_cast<int32_t>(value);
-}
-
 // Records (offset, code). When either append fails the place is lost whole.
-// Arrays without storage (no session open) record nothing.
+// Arrays without storage (no session open) record nothing. Only a host that
+// reports offsets past the page can make a place beyond the int32 range; it
+// is held at the range's end, where endPreTranslate finds it past the page
+// and refuses it, instead of wrapping into the page.
 void RecordPlace(int64_t offset, int32_t code) {
   if (!gOffsetArray.pData || !gOffsetTypeArray.pData) return;
-  if (!IntArrayAdd(&gOffsetArray, PlaceValue(offset))) return;
+  if (!IntArrayAdd(&gOffsetArray, IntArrayClamp(offset))) return;
   if (!IntArrayAdd(&gOffsetTypeArray, code)) --gOffsetArray.nSize;
 }
 
 void RecordAttrPlace(int64_t offset, int64_t length) {
   if (!gAttrOffsetArray.pData || !gAttrLengthArray.pData) return;
-  if (!IntArrayAdd(&gAttrOffsetArray, PlaceValue(offset))) return;
-  if (!IntArrayAdd(&gAttrLengthArray, PlaceValue(length))) --gAttrOffsetArray.nSize;
+  if (!IntArrayAdd(&gAttrOffsetArray, IntArrayClamp(offset))) return;
+  if (!IntArrayAdd(&gAttrLengthArray, IntArrayClamp(length))) --gAttrOffsetArray.nSize;
 }
 
 // Drops the places recorded after the first nKeep.

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "FakeHost.h"
+#include "Labels.h"
 #include "Main.h"
 #include "Session.h"
 #include "Memory.h"
