@@ -42,11 +42,32 @@ inline const char16_t* HostValueToString(void* cx, ScriptValue v, int32_t* pLeng
   return op(cx, v, pLength);
 }
 
+// A text argument as a native reads it: the host's text, null when it could
+// not be read (then its length is 0), and its length in code units.
+struct HostText {
+  const char16_t* text;
+  int32_t length;
+};
+
+inline HostText HostReadText(void* cx, ScriptValue v) {
+  HostText t;
+  t.text = HostValueToString(cx, v, &t.length);
+  if (!t.text) t.length = 0;
+  return t;
+}
+
 // Integer of a value into *pOut, which the caller presets; an absent
 // operation leaves *pOut as it was.
 inline void HostValueToInteger(void* cx, ScriptValue v, intptr_t* pOut) {
   ValueToIntegerOp op = HostOp<ValueToIntegerOp>(kSlotValueToInteger);
   if (op) op(cx, v, pOut);
+}
+
+// An integer argument: its low 32 bits, 0 when the operation is absent.
+inline int32_t HostReadInt32(void* cx, ScriptValue v) {
+  intptr_t n = 0;
+  HostValueToInteger(cx, v, &n);
+  return static_cast<int32_t>(n);
 }
 
 // Makes a script string of a NUL-terminated text; 0 when the operation is

@@ -8,7 +8,7 @@
 #include "Main.h"
 
 #include <cstring>
-#include <string>
+#include <string_view>
 
 #include "Assert.h"
 #include "AttrMerge.h"
@@ -164,26 +164,6 @@ int Cleanup(void*, void*, uint32_t, ScriptValue*, ScriptValue*) {
 
 namespace {
 
-// One converted text argument: the host's text (null when it could not be
-// read) and its length in code units.
-struct TextArg {
-  const char16_t* text;
-  int32_t length;
-};
-
-TextArg ReadText(void* cx, ScriptValue v) {
-  TextArg t;
-  t.text = HostValueToString(cx, v, &t.length);
-  if (!t.text) t.length = 0;
-  return t;
-}
-
-int32_t ReadInt(void* cx, ScriptValue v) {
-  intptr_t n = 0;
-  HostValueToInteger(cx, v, &n);
-  return static_cast<int32_t>(n);
-}
-
 int Succeed(ScriptValue* rval) {
   *rval = kScriptTrue;
   return 1;
@@ -199,8 +179,8 @@ bool IsTitle(const char16_t* text) {
 
 int Directive(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rval) {
   if (argc != 2) return 0;
-  TextArg text = ReadText(cx, argv[0]);
-  int32_t offset = ReadInt(cx, argv[1]);
+  HostText text = HostReadText(cx, argv[0]);
+  int32_t offset = HostReadInt32(cx, argv[1]);
   if (!text.text) return Succeed(rval);
   if (gbPreTranslate) {
     PreDirective(text.text, text.length, offset);
@@ -214,8 +194,8 @@ int Directive(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rv
 
 int OpenTagBegin(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rval) {
   if (argc != 2) return 0;
-  TextArg name = ReadText(cx, argv[0]);
-  int32_t offset = ReadInt(cx, argv[1]);
+  HostText name = HostReadText(cx, argv[0]);
+  int32_t offset = HostReadInt32(cx, argv[1]);
   // 32-bit wrap-around, computed without signed overflow.
   gOffset = static_cast<int32_t>(static_cast<uint32_t>(offset) + static_cast<uint32_t>(name.length) + 1u);
   if (gbPreTranslate) {
@@ -229,15 +209,15 @@ int OpenTagBegin(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue*
 
 int Attribute(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rval) {
   if (argc != 2) return 0;
-  TextArg name = ReadText(cx, argv[0]);
-  TextArg value = ReadText(cx, argv[1]);
+  HostText name = HostReadText(cx, argv[0]);
+  HostText value = HostReadText(cx, argv[1]);
   if (name.length == 0) name = value;
   if (gbPreTranslate) {
     if (name.text && value.text) PreAttributeVX(name.text, value.text);
     return Succeed(rval);
   }
-  static const char16_t* const kLabelName = char16_literal(kLabelAttrName);
-  if (name.text && TextLength(name.text) == 4 && std::char_traits<char16_t>::compare(name.text, kLabelName, 4) == 0) {
+  static const std::u16string_view kLabelName = char16_literal(kLabelAttrName);
+  if (name.text && name.text == kLabelName) {
     ValueToIntegerOp toInteger = HostOp<ValueToIntegerOp>(kSlotValueToInteger);
     if (toInteger) toInteger(cx, argv[1], &gMarker);
     return Succeed(rval);
@@ -249,8 +229,8 @@ int Attribute(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rv
 
 int OpenTagEnd(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rval) {
   if (argc != 2) return 0;
-  int32_t endOffset = ReadInt(cx, argv[0]);
-  TextArg closing = ReadText(cx, argv[1]);
+  int32_t endOffset = HostReadInt32(cx, argv[0]);
+  HostText closing = HostReadText(cx, argv[1]);
   if (gbPreTranslate) {
     PreOpenTagEnd(endOffset, closing.text);
     return Succeed(rval);
@@ -266,8 +246,8 @@ int OpenTagEnd(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* r
 
 int CloseTagBegin(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rval) {
   if (argc != 2) return 0;
-  TextArg name = ReadText(cx, argv[0]);
-  int32_t offset = ReadInt(cx, argv[1]);
+  HostText name = HostReadText(cx, argv[0]);
+  int32_t offset = HostReadInt32(cx, argv[1]);
   if (gbPreTranslate) {
     if (name.text) PreCloseTagBegin(name.text, offset);
     return Succeed(rval);
@@ -278,7 +258,7 @@ int CloseTagBegin(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue
 
 int CloseTagEnd(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rval) {
   if (argc != 1) return 0;
-  int32_t endOffset = ReadInt(cx, argv[0]);
+  int32_t endOffset = HostReadInt32(cx, argv[0]);
   if (gbPreTranslate)
     PreCloseTagEnd(endOffset);
   else
@@ -356,29 +336,16 @@ int EndPreTranslate(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptVal
 
 // ---------------------------------------------------------------------------
 // The end of the post pass: endPostTranslate merges the page source with the
-// server's output for the labelled page, in three stages.
-//
-//   RemoveLabels   cuts the label comments and label attributes out of the
-//                  server output and moves the recorded offsets into the
-//                  label-free text.
-//   AddLocks       replaces each piece of server output between two labels
-//                  with lock markup carrying the page's server code (or the
-//                  page's own tag, or leaves it when it equals the code).
-//   AddAttributes  gives labelled tags whose attributes the server changed
-//                  their source attributes and a translated-value attribute.
-//
-// Rules local to this file: the server output and the host scanner's report
-// on it are ordinary input, so every recorded offset and label number is
-// checked against the text or array it indexes before it is used, and a
-// report that does not fit fails the merge cleanly or is passed over (each
-// routine says which). Every buffer a stage makes is released on every path
-// before endPostTranslate returns; the host's argument texts are only read.
-// Sizes are computed in 64 bits and checked before allocating.
+// server's output in three stages. RemoveLabels cuts the labels out of the
+// output and moves the recorded offsets into the label-free text; AddLocks
+// replaces each piece of server output between two labels with lock markup
+// carrying the page's server code; AddAttributes gives labelled tags that
+// the server changed their page attributes and a translated-value attribute.
+// The server's output and the scanner's report on it are ordinary input:
+// whatever they hold fails the merge cleanly or is passed over (each routine
+// says which), and every buffer a stage makes is released on every path.
 
 namespace {
-
-// ---------------------------------------------------------------------------
-// Label removal
 
 // Cuts every label out of serverText and rewrites the offsets recorded in
 // the post pass into offsets of the label-free text; the attribute-text
