@@ -4,6 +4,8 @@
 #include <cstring>
 
 #include "FakeHost.h"
+#include "NativeScan.h"
+#include "FaultAllocator.h"
 #include "Labels.h"
 #include "Main.h"
 #include "Session.h"
@@ -139,10 +141,10 @@ TEST_F(Session, PostPassRecordsAreWholeWhicheverAllocationFails) {
     SCOPED_TRACE(failAt);
     ReleaseLibraryState();
     Post();
-    MemFailAt(failAt);
+    FaultFailAt(failAt);
     ScanThroughNatives(host, output);
-    const bool bFailed = MemAttempts() >= failAt;
-    MemFailAt(0);
+    const bool bFailed = FaultAttempts() >= failAt;
+    FaultFailAt(0);
     const int32_t nComments = gFromServerOffsetArray.nSize;
     ASSERT_EQ(gFromServerLengthArray.nSize, nComments);
     ASSERT_EQ(gLabelArray.nSize, nComments);
@@ -230,9 +232,9 @@ TEST_F(LabelInsertion, ASecondCallMakesTheSamePageAndWrongCountsFail) {
 TEST_F(LabelInsertion, FailsWithoutStringToValueOrMemory) {
   ASSERT_EQ(host.Call("initialize", {}).ok, 1);
   IntArrayAdd(&gOffsetArray, 0);
-  MemFailAt(1);
+  FaultFailAt(1);
   EXPECT_EQ(host.Call("endPreTranslate", {host.Str(u"page")}).ok, 0);
-  MemFailAt(0);
+  FaultFailAt(0);
   host.ClearSlot(kSlotStringToValue);
   EXPECT_EQ(host.Call("endPreTranslate", {host.Str(u"page")}).ok, 0);
 }
@@ -324,7 +326,7 @@ TEST_F(TextServices, LineEndingsFollowTheModelsFirstEnding) {
     EXPECT_EQ(r.result, text) << "the script's own value comes back";
   }
   EXPECT_EQ(host.Call("setLineEndingsToMatch", {text}).ok, 0);
-  MemFailAt(1);
+  FaultFailAt(1);
   EXPECT_EQ(host.Call("setLineEndingsToMatch", {host.Str(u"\r\n"), text}).ok, 0);
 }
 
@@ -364,9 +366,9 @@ TEST_F(TextServices, ReplacementsGrowTheTextWithinItsBudget) {
 TEST_F(TextServices, FailWithoutTheirOperations) {
   auto r = host.Call("replaceTextInsideTag", {host.Str(u"a"), host.Str(u"b"), host.Str(u"c")});
   EXPECT_EQ(r.ok, 0);
-  MemFailAt(1);
+  FaultFailAt(1);
   EXPECT_EQ(host.Call("replaceTextInsideTag", {host.Str(u"a"), host.Str(u"b"), host.Str(u"c"), host.Str(u"d")}).ok, 0);
-  MemFailAt(0);
+  FaultFailAt(0);
   host.ClearSlot(kSlotStringToValue);
   EXPECT_EQ(host.Call("replaceTextInsideTag", {host.Str(u"a"), host.Str(u"b"), host.Str(u"c"), host.Str(u"d")}).ok, 0);
   EXPECT_EQ(host.Call("setLineEndingsToMatch", {host.Str(u"\r\n"), host.Str(u"\n")}).ok, 0);

@@ -9,6 +9,7 @@
 #include <tuple>
 
 #include "FakeHost.h"
+#include "FaultAllocator.h"
 #include "Main.h"
 #include "Session.h"
 #include "Memory.h"
@@ -76,7 +77,7 @@ class Merge : public LibraryTest {
  protected:
   // Whatever a test did, failures included, the next page translates.
   void TearDown() override {
-    MemFailAt(failAt_ = 0);
+    FaultFailAt(failAt_ = 0);
     lockEmpty_ = -1, lockBegin_ = kLockBegin;
     EXPECT_EQ(Translate(u"<p><%= n %></p>", {{u"<%= n %>", u"Bob"}}),
               u"<p>" + Lock(u"<%= n %>", Font(u"Bob")) + u"</p>");
@@ -85,9 +86,9 @@ class Merge : public LibraryTest {
   // Calls a native. While failAt_ is set, a native that made the failing
   // allocation must report failure and leave its result alone.
   qzhost::CallResult Call(const std::string& name, std::vector<Value> args) {
-    long before = MemAttempts();
+    long before = FaultAttempts();
     auto r = host.Call(name, std::move(args));
-    if (failAt_ > 0 && before < failAt_ && MemAttempts() >= failAt_ &&
+    if (failAt_ > 0 && before < failAt_ && FaultAttempts() >= failAt_ &&
         (name == "initialize" || name == "endPreTranslate" || name == "endPostTranslate")) {
       EXPECT_EQ(r.ok, 0) << name;
       EXPECT_EQ(r.result, FakeHost::kUnset) << name;
@@ -368,14 +369,14 @@ TEST_F(Merge, EveryAllocationFailureIsCleanAndTheNextPageTranslates) {
     for (long failAt = 1;; ++failAt) {
       SCOPED_TRACE("failing allocation " + std::to_string(failAt));
       ReleaseLibraryState();
-      ASSERT_EQ(MemOutstanding(), 0);
-      MemFailAt(failAt_ = failAt);
+      ASSERT_EQ(FaultOutstanding(), 0);
+      FaultFailAt(failAt_ = failAt);
       Translate(*p, *s);
       Call("cleanup", {});
-      bool bFailed = MemAttempts() >= failAt;
-      MemFailAt(failAt_ = 0);
+      bool bFailed = FaultAttempts() >= failAt;
+      FaultFailAt(failAt_ = 0);
       ReleaseLibraryState();
-      ASSERT_EQ(MemOutstanding(), 0);
+      ASSERT_EQ(FaultOutstanding(), 0);
       EXPECT_EQ(Translate(*p, *s), *e);
       if (!bFailed) break;
     }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "FakeHost.h"
+#include "FaultAllocator.h"
 #include "Main.h"
 #include "Session.h"
 #include "Memory.h"
@@ -196,12 +197,12 @@ TEST_F(PrePass, AllocationFailuresInBeginFailOrLoseOneEntry) {
   };
   for (long k = 1;; ++k) {
     ReleaseLibraryState();
-    ASSERT_EQ(MemOutstanding(), 0) << k;
+    ASSERT_EQ(FaultOutstanding(), 0) << k;
     ASSERT_EQ(host.Call("initialize", {}).ok, 1);
-    MemFailAt(k);
+    FaultFailAt(k);
     int ok = Begin(args);
-    bool bFailed = MemAttempts() >= k;
-    MemFailAt(0);
+    bool bFailed = FaultAttempts() >= k;
+    FaultFailAt(0);
     EXPECT_EQ(ok, k <= 11 && bFailed ? 0 : 1) << "allocation " << k;
     if (ok) {
       EXPECT_EQ(entries(), bFailed ? 12 : 13) << "allocation " << k;
@@ -257,10 +258,10 @@ TEST_F(PrePass, ConfiguredDirectivesAndIncludes) {
   const std::u16string longStart = std::u16string(70, u'a') + u"<";
   ASSERT_EQ(Begin({host.Str(longStart), host.Str(u">"), qzhost::kNull, qzhost::kNull}), 1);
   for (long failAt : {0L, 1L}) {
-    MemFailAt(failAt);
+    FaultFailAt(failAt);
     EXPECT_EQ(recorded(u"aa" + longStart + u" >"), (Places{{40, 5}, {115, 6}})) << failAt;
     EXPECT_EQ(recorded(longStart.substr(1) + u"a >"), Places{}) << failAt;
-    MemFailAt(0);
+    FaultFailAt(0);
   }
   End();
   BeginWith({});
@@ -383,7 +384,7 @@ TEST_F(PrePass, CloseTagsFindTheInnermostEntryOfTheirName) {
   // Allocations 2 and 3 are the index's first ones: it is never built.
   for (long failAt : {0L, 2L, 3L, 40L, 400L}) {
     BeginWith({u"x:"});
-    MemFailAt(failAt);
+    FaultFailAt(failAt);
     for (int32_t offset = 0; offset < 200000; offset += 10) {
       std::u16string name = names[random() % 10 == 0 ? random() % 10 : random() % names.size()];
       if (random() % 4 != 0) {
@@ -403,13 +404,13 @@ TEST_F(PrePass, CloseTagsFindTheInnermostEntryOfTheirName) {
       }
       int32_t iExpected = StringArrayFindLastExact(&gOpenTags, name.c_str());
       int32_t nExpected = iExpected >= 0 ? iExpected + 1 : gOpenTags.nSize + 1;
-      long nAttempts = MemAttempts();
+      long nAttempts = FaultAttempts();
       PreCloseTagBegin(name.c_str(), offset);
-      bool bFailedHere = failAt > nAttempts && failAt <= MemAttempts();
+      bool bFailedHere = failAt > nAttempts && failAt <= FaultAttempts();
       ASSERT_TRUE(bFailedHere || gOpenTags.nSize == nExpected) << "offset " << offset << " fail at " << failAt;
       PreCloseTagEnd(offset + 5);
     }
-    MemFailAt(0);
+    FaultFailAt(0);
     End();
   }
 }
@@ -422,10 +423,10 @@ TEST_F(PrePass, OpenTagStacksStayInStepWhenAPushFails) {
     SCOPED_TRACE(failAt);
     BeginWith({u"x:"});
     for (int32_t i = 0; i < 100; ++i) PreOpenTagBegin(i % 2 ? u"p" : u"div", i);
-    MemFailAt(failAt);
+    FaultFailAt(failAt);
     Call("openTagBegin", {host.Str(u"x:a"), host.Int(500)});
-    const bool bFailed = MemAttempts() >= failAt;
-    MemFailAt(0);
+    const bool bFailed = FaultAttempts() >= failAt;
+    FaultFailAt(0);
     Call("openTagEnd", {host.Int(505), host.Str(u"")});
     const int32_t n = gOpenTags.nSize;
     EXPECT_EQ(n, bFailed ? 100 : 101);

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <string_view>
 #include <string>
 #include <vector>
 
@@ -41,18 +40,13 @@ class FakeHost {
   std::array<void*, qzhost::kTableSlots> table;
 };
 
-// Scans page with the stand-in host's scanner and hands every item to the
-// library's scanner callbacks, as the host's translator does; offsets are
-// moved by base. The script values made for one call are dropped after it,
-// so pages of millions of items need no more memory than one call.
-void ScanThroughNatives(FakeHost& host, std::u16string_view page, int32_t base = 0);
-
 // Releases every bit of process-wide state the library holds, so that a test
 // can check that nothing else is left allocated.
 void ReleaseLibraryState();
 
-// Fixture: a fresh host per test; at the end all library state is released
-// and the test fails if any allocation is still outstanding.
+// Fixture: a fresh host per test, allocation failures off; at the end all
+// library state is released and the test fails if the library still holds
+// a block (FaultAllocator counts them).
 class LibraryTest : public ::testing::Test {
  protected:
   void SetUp() override;
