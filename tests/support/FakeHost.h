@@ -10,8 +10,13 @@
 #include <vector>
 
 #include "Engine.h"
+#include "IntArray.h"
 
 using qzhost::Value;
+using Ints = std::vector<int32_t>;
+
+// The elements of an array in use.
+inline Ints Items(const IntArray& a) { return Ints(a.pData, a.pData + a.nSize); }
 
 class FakeHost {
  public:
