@@ -1,6 +1,10 @@
 // Entry and registration, the translation session's lifecycle, the scanner
 // callbacks of both passes, the end of the pre pass with label insertion, the
-// merge that ends the post pass, and the two text services.
+// merge that ends the post pass, and the two text services: every native the
+// host reaches, and the fixed routines of both pass ends written as a
+// pipeline. The work they call on lives below them: Pre and PostRecord
+// (what the callbacks do in each pass), Labels, LockWalk, AttrMerge and
+// HiliteColor (the merge's stages), TextReplace and Utility (the services).
 //
 // Rules local to this file: every native checks its argument count before it
 // touches anything; a host operation's slot is re-read right before each
