@@ -49,46 +49,61 @@ const char16_t* NextRecord(int64_t* pPos, int64_t* pLength) {
   return data + pos;
 }
 
-// How many locked-text units from s the source's attribute text replaces:
-// the server's n units, extended over trailing white space to the unit that
-// follows the source's attribute text, then trimmed back where both texts
-// end in the same white space. *pReadEnd gets the end of what was read.
-int64_t AttrSpan(const char16_t* origText, int64_t o, int64_t m, const char16_t* locked, int64_t s, int64_t n,
-                      int64_t* pReadEnd) {
-  const char16_t a = origText[o + m];
-  const char16_t* srv = locked + s;
-  *pReadEnd = s + n + 1;
-  if (a == srv[n] || srv[n] >= 128) return n;
-  int64_t k = -1;
-  for (int64_t j = 1; k < 0; ++j) {
-    *pReadEnd = s + n + j + 1;
-    if (!IsWhiteUnit(srv[n + j - 1])) return n;
+// The extension step over the server's attribute text, srv's first n units.
+// When it is followed by white space and then by a, the unit that follows
+// the page's attribute text (for a ">" also "/>", when the page's text ends
+// in "/"), returns the count that takes that white space in; -1 when the
+// text is not extended. *pnRead gets how many units of srv were read.
+int64_t ExtendSpan(const char16_t* srv, int64_t n, char16_t a, bool bPageSlash, int64_t* pnRead) {
+  *pnRead = n + 1;
+  if (a == srv[n] || srv[n] >= 128) return -1;
+  for (int64_t j = 1;; ++j) {
+    *pnRead = n + j + 1;
+    if (!IsWhiteUnit(srv[n + j - 1])) return -1;
     const char16_t u = srv[n + j];
-    if (a != u'>') {
-      if (u == a) k = n + j;
-    } else if (u == u'>') {
-      k = n + j;
-    } else if (u == u'/' && m > 0 && origText[o + m - 1] == u'/' && srv[n + j + 1] == u'>') {
-      *pReadEnd = s + n + j + 2;
-      k = n + j + 1;
+    if (a != u'>' ? u == a : u == u'>') return n + j;
+    if (a == u'>' && u == u'/' && bPageSlash && srv[n + j + 1] == u'>') {
+      *pnRead = n + j + 2;
+      return n + j + 1;
     }
-    if (k < 0 && u >= 128) return n;
+    if (u >= 128) return -1;
   }
+}
+
+// The trimming step after an extension to k units: where the page's text
+// (m units) and the server's end in the same white space before their
+// anchors (their last units, or those before a final "/" each, when a is
+// ">"), that white space stays after the inserted attribute.
+int64_t TrimSpan(const char16_t* page, int64_t m, const char16_t* srv, int64_t k, char16_t a) {
   if (k == m) return k;
   int64_t p = m, q = k;
   if (a == u'>') {
     p = m - 1;
     q = k - 1;
-    if (p >= 0 && origText[o + p] == u'/' && srv[q] == u'/') {
+    if (p >= 0 && page[p] == u'/' && srv[q] == u'/') {
       p = m - 2;
       q = k - 2;
     }
   }
-  if (p < 0 || q < 0 || origText[o + p] != srv[q] || !IsWhiteUnit(srv[q])) return k;
+  if (p < 0 || q < 0 || page[p] != srv[q] || !IsWhiteUnit(srv[q])) return k;
   int64_t t = 0;
-  while (p - 1 - t >= 0 && q - 1 - t >= 0 && origText[o + p - 1 - t] == srv[q - 1 - t] && IsWhiteUnit(srv[q - 1 - t]))
-    ++t;
+  while (p - 1 - t >= 0 && q - 1 - t >= 0 && page[p - 1 - t] == srv[q - 1 - t] && IsWhiteUnit(srv[q - 1 - t])) ++t;
   return q - t;
+}
+
+// How many locked-text units from s the page's attribute text
+// (origText[o, o + m)) replaces: the server's n units, extended over
+// trailing white space to the unit that follows the page's text, then
+// trimmed back where both texts end in the same white space. *pReadEnd gets
+// the end of what was read.
+int64_t AttrSpan(const char16_t* origText, int64_t o, int64_t m, const char16_t* locked, int64_t s, int64_t n,
+                 int64_t* pReadEnd) {
+  const char16_t a = origText[o + m];
+  const char16_t* srv = locked + s;
+  int64_t nRead = 0;
+  const int64_t k = ExtendSpan(srv, n, a, m > 0 && origText[o + m - 1] == u'/', &nRead);
+  *pReadEnd = s + nRead;
+  return k < 0 ? n : TrimSpan(origText + o, m, srv, k, a);
 }
 
 }  // namespace
