@@ -26,9 +26,9 @@
 #include <iterator>
 
 #include "Assert.h"
-#include "Main.h"
 #include "Memory.h"
-#include "Utility.h"
+#include "Session.h"
+#include "Text16.h"
 
 namespace {
 
@@ -207,11 +207,6 @@ int32_t MatchWithin(const TagIndex* index, int32_t openIndex, int64_t limit, int
   return -1;
 }
 
-int Append(StringBuffer* buffer, const char16_t* text, int64_t n) {
-  if (n < 0 || n > INT32_MAX) return 0;
-  return StringBufferAdd(buffer, text, static_cast<int32_t>(n));
-}
-
 // True when the piece [start, end) lies inside the content of the title
 // element that the scanner reported. The title tags' own text is not
 // required to be exactly "<title>" and "</title>": a title tag with
@@ -252,7 +247,7 @@ WalkResult ColourPiece(const TagIndex* index, StringBuffer* buffer, int64_t star
     if (inPtr[next + 1] == u'/') {
       te = pEnd[idx];
       if (te < next || te > index->nText) return kWalkGaveUp;
-      if (!Append(buffer, inPtr + next, te - next)) return kWalkFailed;
+      if (!StringBufferAddUnits(buffer, inPtr + next, te - next)) return kWalkFailed;
       ++idx;
     } else {
       int32_t lastSeen = idx;
@@ -301,14 +296,14 @@ int AddHiliteColor(StringBuffer* buffer, const char16_t* inPtr, int32_t start, i
   if (start < 0 || length < 0 || end > index->nText) {
     result = 0;
   } else if (InsideTitle(index, start, end)) {
-    result = Append(buffer, inPtr + start, length);
+    result = StringBufferAddUnits(buffer, inPtr + start, length);
   } else {
     switch (ColourPiece(index, buffer, start, end)) {
       case kWalkDone: result = 1; break;
       case kWalkFailed: result = 0; break;
       default:
         buffer->nSize = nSizeAtEntry;
-        result = Append(buffer, inPtr + start, length);
+        result = StringBufferAddUnits(buffer, inPtr + start, length);
         break;
     }
   }

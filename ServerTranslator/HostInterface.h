@@ -1,5 +1,6 @@
-// The host's side of the contract: the script-engine operations the library
-// reaches through qzEnv, and the host's UTF-16 string library (char16.h).
+// The library's view of its host: the script-engine operations it reaches
+// through qzEnv, and the host's UTF-16 string library (char16.h). Slot
+// numbers, values and names that both sides share are in HostContract.h.
 //
 // Rule for every caller: re-read the slot right before each call and skip the
 // call when the slot is empty. The Host* wrappers below do exactly that and
@@ -10,31 +11,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "HostContract.h"
 #include "char16.h"
-
-// A script value: one 64-bit word in the engine's own encoding.
-typedef uint64_t ScriptValue;
-
-// The one value the library makes itself: the engine's boolean true.
-enum : ScriptValue { kScriptTrue = 14 };
-
-// Native script function: (context, this object, argument count, argument
-// values, result) -> nonzero on success.
-typedef int (*Native)(void* cx, void* thisObj, uint32_t argc, ScriptValue* argv, ScriptValue* rval);
-
-enum HostSlot {
-  kSlotLibraryObject = 0,
-  kSlotDefineFunction = 1,
-  kSlotValueToInteger = 3,
-  kSlotValueToBoolean = 5,
-  kSlotValueToObject = 6,
-  kSlotClassName = 9,
-  kSlotArrayLength = 11,
-  kSlotArrayElement = 12,
-  kSlotValueToString = 17,
-  kSlotStringToValue = 18,
-  kHostSlotCount = 46
-};
 
 typedef intptr_t (*DefineFunctionOp)(void* libObj, const char* name, Native fn, int nargs);
 typedef int (*ValueToIntegerOp)(void* cx, ScriptValue v, intptr_t* out);
@@ -64,11 +42,32 @@ inline const char16_t* HostValueToString(void* cx, ScriptValue v, int32_t* pLeng
   return op(cx, v, pLength);
 }
 
+// A text argument as a native reads it: the host's text, null when it could
+// not be read (then its length is 0), and its length in code units.
+struct HostText {
+  const char16_t* text;
+  int32_t length;
+};
+
+inline HostText HostReadText(void* cx, ScriptValue v) {
+  HostText t;
+  t.text = HostValueToString(cx, v, &t.length);
+  if (!t.text) t.length = 0;
+  return t;
+}
+
 // Integer of a value into *pOut, which the caller presets; an absent
 // operation leaves *pOut as it was.
 inline void HostValueToInteger(void* cx, ScriptValue v, intptr_t* pOut) {
   ValueToIntegerOp op = HostOp<ValueToIntegerOp>(kSlotValueToInteger);
   if (op) op(cx, v, pOut);
+}
+
+// An integer argument: its low 32 bits, 0 when the operation is absent.
+inline int32_t HostReadInt32(void* cx, ScriptValue v) {
+  intptr_t n = 0;
+  HostValueToInteger(cx, v, &n);
+  return static_cast<int32_t>(n);
 }
 
 // Makes a script string of a NUL-terminated text; 0 when the operation is

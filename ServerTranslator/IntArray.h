@@ -11,6 +11,12 @@ struct IntArray {
   int32_t nCapacity;  // elements the storage holds
 };
 
+// A value computed in 64 bits as it is stored in an element: held at the
+// int32 range rather than wrapped into it.
+inline int32_t IntArrayClamp(int64_t value) {
+  return value < INT32_MIN ? INT32_MIN : value > INT32_MAX ? INT32_MAX : static_cast<int32_t>(value);
+}
+
 int IntArrayCreate(IntArray* array);
 void IntArrayDestroy(IntArray* array);
 int IntArrayAdd(IntArray* array, int32_t value);

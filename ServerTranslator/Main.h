@@ -1,13 +1,10 @@
-// Entry, session state, scanner callbacks and the merge: what Main.cpp owns.
-// Declared here so that Pre, HiliteColor and the tests can reach the state.
+// The library's entry points and script functions: what a host reaches.
 #ifndef QZ_MAIN_H
 #define QZ_MAIN_H
 
 #include <cstdint>
 
 #include "HostInterface.h"
-#include "IntArray.h"
-#include "StringBuffer.h"
 
 #define QZ_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -15,26 +12,6 @@ QZ_EXPORT intptr_t QZ_InitWrapper(void* const* table, uint32_t sizeInBytes);
 QZ_EXPORT int JS_PropertyStub();
 QZ_EXPORT void JS_FinalizeStub();
 intptr_t QZ_Init();
-
-// Session variables; their lifecycle is initialize .. cleanup.
-extern IntArray gOffsetArray;                // pre: label-comment places in the page
-extern IntArray gOffsetTypeArray;            // pre: kind code 1..6 of each place
-extern IntArray gAttrOffsetArray;            // pre: label-attribute places (just after a tag name)
-extern IntArray gAttrLengthArray;            // pre: attribute-text length of that tag
-extern IntArray gFromServerOffsetArray;      // post: offset of each label comment that came back
-extern IntArray gFromServerLengthArray;      // post: its length
-extern IntArray gLabelArray;                 // post: its number
-extern IntArray gAttrFromServerOffsetArray;  // post: labelled tag, offset just after its name
-extern IntArray gAttrFromServerLengthArray;  // post: its attribute-text length
-extern IntArray gAttrLabelArray;             // post: its label number
-extern IntArray gFromServerTagBeginArray;    // post: begin of every tag, scan order
-extern IntArray gFromServerTagEndArray;      // post: end of every tag, scan order
-extern StringBuffer gEncodedAttrs;           // post: one NUL-ended record per labelled tag
-extern int32_t gFromServerTitleInsideStart;  // index in gFromServerTagEndArray, -1 for none
-extern int32_t gFromServerTitleInsideEnd;    // index in gFromServerTagBeginArray, -1 for none
-extern intptr_t gMarker;                     // post: label of the open tag being scanned, or -1
-extern intptr_t gOffset;                     // both: offset just after the open tag's name
-extern int32_t gbPreTranslate;               // 1 during the pre pass
 
 // Script functions.
 int Initialize(void* cx, void* thisObj, uint32_t argc, ScriptValue* argv, ScriptValue* rval);

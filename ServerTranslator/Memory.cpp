@@ -1,42 +1,33 @@
-// Allocation module: every allocation of the library goes through here.
+// Allocation module: every allocation of the library goes through here, to
+// the installed hooks or, without any, to the C allocator. A zero-sized
+// request is still a block, so callers never see the null that malloc(0)
+// may give.
 #include "Memory.h"
 
 #include <cstdlib>
 
-static long gnFailAt;      // attempt number that fails; 0 for none
-static long gnAttempts;    // attempts since the hook was last set
-static long gnOutstanding; // live blocks
+static MemHooks gHooks;  // all null: the C allocator
 
-static bool MemShouldFail() {
-  ++gnAttempts;
-  return gnFailAt != 0 && gnAttempts == gnFailAt;
+void MemSetHooks(const MemHooks* pHooks) {
+  const bool bWhole = pHooks && pHooks->pAlloc && pHooks->pRealloc && pHooks->pFree;
+  gHooks = bWhole ? *pHooks : MemHooks{};
 }
 
 void* MemAlloc(size_t nBytes) {
-  if (MemShouldFail()) return nullptr;
-  // malloc(0) may return null; a zero-sized request is still a block.
-  void* p = std::malloc(nBytes ? nBytes : 1);
-  if (p) ++gnOutstanding;
-  return p;
+  if (nBytes == 0) nBytes = 1;
+  return gHooks.pAlloc ? gHooks.pAlloc(nBytes) : std::malloc(nBytes);
 }
 
 void* MemRealloc(void* p, size_t nBytes) {
   if (!p) return MemAlloc(nBytes);
-  if (MemShouldFail()) return nullptr;
-  return std::realloc(p, nBytes ? nBytes : 1);
+  if (nBytes == 0) nBytes = 1;
+  return gHooks.pRealloc ? gHooks.pRealloc(p, nBytes) : std::realloc(p, nBytes);
 }
 
 void MemFree(void* p) {
   if (!p) return;
-  --gnOutstanding;
-  std::free(p);
+  if (gHooks.pFree)
+    gHooks.pFree(p);
+  else
+    std::free(p);
 }
-
-void MemFailAt(long n) {
-  gnFailAt = n;
-  gnAttempts = 0;
-}
-
-long MemAttempts() { return gnAttempts; }
-
-long MemOutstanding() { return gnOutstanding; }

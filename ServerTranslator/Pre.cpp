@@ -1,29 +1,26 @@
-// The pre pass: the settings the translator script gives to beginPreTranslate,
-// the detection of server markup in directives and text runs, and the
-// open-tag stack with its server-tag rules. What is found becomes label
-// places in the session arrays of Main (gOffsetArray with gOffsetTypeArray,
-// gAttrOffsetArray with gAttrLengthArray), which endPreTranslate turns into
-// labels.
+// The pre pass: the settings the translator script gives to
+// beginPreTranslate, and the handlers that find server markup in directives,
+// text runs and tags. What they find becomes label places (gOffsetArray with
+// gOffsetTypeArray, gAttrOffsetArray with gAttrLengthArray), which
+// endPreTranslate turns into labels. The open-tag stack and the server-tag
+// test by prefix are kept by OpenTagStack and TagPrefixIndex.
 //
 // Rules local to this file:
-// - The four open-tag stacks are pushed and popped together: an entry is on
-//   all four or on none, so every handler may read one index across them.
 // - A label place is the pair (offset, kind code); both arrays grow together
 //   or not at all, so they always have equal length.
 // - No handler fails and none stops the process: an append that runs out of
 //   memory loses that entry or place, and events the scanner should not send
 //   (an attribute with no open tag, a close-tag end with no close tag) are
 //   ignored.
-// - Close-tag lookups go through a private index over the stack (below), so a
-//   page of tens of thousands of never-closed tags stays linear. The
-//   server-tag test by prefix goes through another (below), so a page that
-//   declares tens of thousands of taglib prefixes stays linear too.
 #include "Pre.h"
 
 #include <cstring>
 
-#include "Main.h"
 #include "Memory.h"
+#include "OpenTagStack.h"
+#include "Session.h"
+#include "TagPrefixIndex.h"
+#include "Text16.h"
 #include "Utility.h"
 
 char16_t* gDirStartChars;
@@ -63,98 +60,23 @@ enum PendingTag { kNoTag, kOpenTag, kCloseTag };
 PendingTag sPendingTag = kNoTag;
 
 // ---------------------------------------------------------------------------
-// Text helpers
-
-// Whole texts equal after folding (the comparison of the Exact lookups).
-bool SameFolded(const char16_t* a, const char16_t* b) {
-  for (;; ++a, ++b) {
-    if (FoldUnit(*a) != FoldUnit(*b)) return false;
-    if (*a == 0) return true;
-  }
-}
-
-// text begins with prefix, folded; a shorter text never does.
-bool BeginsWithFolded(const char16_t* text, const char16_t* prefix) {
-  for (; *prefix; ++text, ++prefix)
-    if (*text == 0 || FoldUnit(*text) != FoldUnit(*prefix)) return false;
-  return true;
-}
-
-// FoldedHash in steps, so that the hashes of all beginnings of a name come
-// from one walk over it: start with kHashStart, add units with HashStep,
-// and finish each value with HashEnd.
-constexpr uint32_t kHashStart = 2166136261u;
-
-uint32_t HashStep(uint32_t h, char16_t unit) { return (h ^ FoldUnit(unit)) * 16777619u; }
-
-uint32_t HashEnd(uint32_t h) {
-  // FNV leaves the low bits weak for short names; the table masks them.
-  h ^= h >> 16;
-  h *= 0x85ebca6bu;
-  h ^= h >> 13;
-  return h;
-}
-
-uint32_t FoldedHash(const char16_t* text) {
-  uint32_t h = kHashStart;
-  for (; *text; ++text) h = HashStep(h, *text);
-  return HashEnd(h);
-}
-
-// First index of needle (m units) in text (n units), exact units, or -1; an
-// empty needle is found at 0. Knuth-Morris-Pratt keeps it linear whatever
-// needle the script configured. When a long needle's table cannot be
-// allocated, the plain search gives the same answer, only slower.
-int64_t FindUnits(const char16_t* text, int64_t n, const char16_t* needle, int64_t m) {
-  if (m == 0) return 0;
-  if (m > n) return -1;
-  int32_t localTable[64];
-  int32_t* pTable = localTable;
-  if (m > 64) pTable = static_cast<int32_t*>(MemAlloc(static_cast<size_t>(m) * sizeof(int32_t)));
-  if (!pTable) {
-    for (int64_t i = 0; i + m <= n; ++i)
-      if (std::memcmp(text + i, needle, static_cast<size_t>(m) * sizeof(char16_t)) == 0) return i;
-    return -1;
-  }
-  pTable[0] = 0;
-  for (int64_t i = 1, k = 0; i < m; ++i) {
-    while (k > 0 && needle[i] != needle[k]) k = pTable[k - 1];
-    if (needle[i] == needle[k]) ++k;
-    pTable[i] = static_cast<int32_t>(k);
-  }
-  int64_t iFound = -1;
-  for (int64_t i = 0, k = 0; i < n; ++i) {
-    while (k > 0 && text[i] != needle[k]) k = pTable[k - 1];
-    if (text[i] == needle[k]) ++k;
-    if (k == m) {
-      iFound = i - m + 1;
-      break;
-    }
-  }
-  if (pTable != localTable) MemFree(pTable);
-  return iFound;
-}
-
-bool ContainsUnits(const char16_t* text, int64_t n, const char16_t* needle) {
-  return FindUnits(text, n, needle, static_cast<int64_t>(TextLength(needle))) >= 0;
-}
-
-// ---------------------------------------------------------------------------
 // Label places
 
-// Records (offset, code); offsets are kept in 32 bits like every recorded
-// number. When either append fails the place is lost whole. Arrays without
-// storage (no session open) record nothing.
+// Records (offset, code). When either append fails the place is lost whole.
+// Arrays without storage (no session open) record nothing. Only a host that
+// reports offsets past the page can make a place beyond the int32 range; it
+// is held at the range's end, where endPreTranslate finds it past the page
+// and refuses it, instead of wrapping into the page.
 void RecordPlace(int64_t offset, int32_t code) {
   if (!gOffsetArray.pData || !gOffsetTypeArray.pData) return;
-  if (!IntArrayAdd(&gOffsetArray, static_cast<int32_t>(offset))) return;
+  if (!IntArrayAdd(&gOffsetArray, IntArrayClamp(offset))) return;
   if (!IntArrayAdd(&gOffsetTypeArray, code)) --gOffsetArray.nSize;
 }
 
 void RecordAttrPlace(int64_t offset, int64_t length) {
   if (!gAttrOffsetArray.pData || !gAttrLengthArray.pData) return;
-  if (!IntArrayAdd(&gAttrOffsetArray, static_cast<int32_t>(offset))) return;
-  if (!IntArrayAdd(&gAttrLengthArray, static_cast<int32_t>(length))) --gAttrOffsetArray.nSize;
+  if (!IntArrayAdd(&gAttrOffsetArray, IntArrayClamp(offset))) return;
+  if (!IntArrayAdd(&gAttrLengthArray, IntArrayClamp(length))) --gAttrOffsetArray.nSize;
 }
 
 // Drops the places recorded after the first nKeep.
@@ -164,352 +86,9 @@ void CutPlaces(int32_t nKeep) {
 }
 
 // ---------------------------------------------------------------------------
-// Close-tag index
-//
-// Finds the innermost open-tag entry of a given name, ignoring case, with the
-// answer StringArrayFindLastExact gives over gOpenTags, without walking the
-// stack. Every entry links to the previous entry of the same folded name, and
-// a linear-probing table maps each name on the stack to its topmost entry.
-// Push and pop update both in constant time (a pop of n entries costs n).
-//
-// The index mirrors gOpenTags only while bValid is set and it covers exactly
-// gOpenTags.nSize entries. When it cannot grow, or finds itself out of step,
-// it releases its memory and the lookups fall back to the linear search until
-// the next PreInitialize starts a new one. PreCleanup releases it.
+// Server tags
 
-struct TagLink {
-  int32_t iPrevSame;  // previous entry with the same folded name, -1 for none
-  uint32_t hash;      // FoldedHash of the entry's name
-};
-
-struct OpenTagIndex {
-  TagLink* pLinks;      // one per stack entry
-  int32_t nLinks;       // entries mirrored
-  int32_t nLinkCapacity;
-  int32_t* pSlots;      // topmost entry of each name on the stack, -1 for an empty slot
-  int32_t nSlots;       // a power of two, or 0 before the first push
-  int32_t nNames;       // slots in use; at most half of nSlots
-  bool bValid;
-};
-
-OpenTagIndex sIndex;
-
-constexpr int32_t kFirstIndexSize = 128;
-constexpr int32_t kLargestIndexSize = 1 << 29;
-
-void IndexRelease() {
-  MemFree(sIndex.pLinks);
-  MemFree(sIndex.pSlots);
-  sIndex = OpenTagIndex{};
-}
-
-// A new, empty index for an empty stack. Allocates nothing.
-void IndexStart() {
-  IndexRelease();
-  sIndex.bValid = true;
-}
-
-bool IndexInStep() { return sIndex.bValid && sIndex.nLinks == gOpenTags.nSize; }
-
-void IndexPlace(int32_t* pSlots, int32_t nSlots, int32_t iEntry) {
-  uint32_t mask = static_cast<uint32_t>(nSlots) - 1;
-  uint32_t s = sIndex.pLinks[iEntry].hash & mask;
-  while (pSlots[s] != -1) s = (s + 1) & mask;
-  pSlots[s] = iEntry;
-}
-
-bool IndexGrowSlots() {
-  if (sIndex.nSlots >= kLargestIndexSize) return false;
-  int32_t nNew = sIndex.nSlots ? sIndex.nSlots * 2 : kFirstIndexSize;
-  int32_t* pNew = static_cast<int32_t*>(MemAlloc(static_cast<size_t>(nNew) * sizeof(int32_t)));
-  if (!pNew) return false;
-  for (int32_t s = 0; s < nNew; ++s) pNew[s] = -1;
-  for (int32_t s = 0; s < sIndex.nSlots; ++s)
-    if (sIndex.pSlots[s] != -1) IndexPlace(pNew, nNew, sIndex.pSlots[s]);
-  MemFree(sIndex.pSlots);
-  sIndex.pSlots = pNew;
-  sIndex.nSlots = nNew;
-  return true;
-}
-
-bool IndexGrowLinks() {
-  if (sIndex.nLinkCapacity >= kLargestIndexSize) return false;
-  int32_t nNew = sIndex.nLinkCapacity ? sIndex.nLinkCapacity * 2 : kFirstIndexSize;
-  void* pNew = MemRealloc(sIndex.pLinks, static_cast<size_t>(nNew) * sizeof(TagLink));
-  if (!pNew) return false;
-  sIndex.pLinks = static_cast<TagLink*>(pNew);
-  sIndex.nLinkCapacity = nNew;
-  return true;
-}
-
-// Slot holding name's topmost entry, or the empty slot where it would go.
-uint32_t IndexProbe(const char16_t* name, uint32_t hash) {
-  uint32_t mask = static_cast<uint32_t>(sIndex.nSlots) - 1;
-  uint32_t s = hash & mask;
-  for (;; s = (s + 1) & mask) {
-    int32_t k = sIndex.pSlots[s];
-    if (k == -1) return s;
-    if (sIndex.pLinks[k].hash == hash && SameFolded(gOpenTags.pData[k], name)) return s;
-  }
-}
-
-// Called after the entry at gOpenTags.nSize - 1 was pushed.
-void IndexPush(const char16_t* name) {
-  if (!sIndex.bValid) return;
-  if (sIndex.nLinks != gOpenTags.nSize - 1) return IndexRelease();
-  if (sIndex.nLinks == sIndex.nLinkCapacity && !IndexGrowLinks()) return IndexRelease();
-  if ((static_cast<int64_t>(sIndex.nNames) + 1) * 2 > sIndex.nSlots && !IndexGrowSlots())
-    return IndexRelease();
-  uint32_t hash = FoldedHash(name);
-  uint32_t s = IndexProbe(name, hash);
-  int32_t iPrev = sIndex.pSlots[s];
-  if (iPrev == -1) ++sIndex.nNames;
-  sIndex.pLinks[sIndex.nLinks] = TagLink{iPrev, hash};
-  sIndex.pSlots[s] = sIndex.nLinks++;
-}
-
-// Empties slot s and moves later members of its probe run back, so that no
-// lookup stops early at the hole (deletion without tombstones).
-void IndexClearSlot(uint32_t s) {
-  uint32_t mask = static_cast<uint32_t>(sIndex.nSlots) - 1;
-  for (uint32_t j = (s + 1) & mask;; j = (j + 1) & mask) {
-    int32_t k = sIndex.pSlots[j];
-    if (k == -1) break;
-    uint32_t home = sIndex.pLinks[k].hash & mask;
-    bool bHomeBetween = s <= j ? (s < home && home <= j) : (s < home || home <= j);
-    if (bHomeBetween) continue;
-    sIndex.pSlots[s] = k;
-    s = j;
-  }
-  sIndex.pSlots[s] = -1;
-}
-
-// Called before the stack drops to nKeep entries.
-void IndexPopTo(int32_t nKeep) {
-  if (!IndexInStep()) return IndexRelease();
-  uint32_t mask = static_cast<uint32_t>(sIndex.nSlots) - 1;
-  while (sIndex.nLinks > nKeep) {
-    int32_t iTop = sIndex.nLinks - 1;
-    uint32_t s = sIndex.pLinks[iTop].hash & mask;
-    // The topmost entry of the whole stack is the topmost of its name.
-    while (sIndex.pSlots[s] != iTop) {
-      if (sIndex.pSlots[s] == -1) return IndexRelease();
-      s = (s + 1) & mask;
-    }
-    if (sIndex.pLinks[iTop].iPrevSame != -1) {
-      sIndex.pSlots[s] = sIndex.pLinks[iTop].iPrevSame;
-    } else {
-      IndexClearSlot(s);
-      --sIndex.nNames;
-    }
-    --sIndex.nLinks;
-  }
-}
-
-// Innermost entry named name (ignoring case), or -1.
-int32_t FindOpenTag(const char16_t* name) {
-  if (!IndexInStep()) {
-    IndexRelease();
-    return StringArrayFindLastExact(&gOpenTags, name);
-  }
-  if (sIndex.nSlots == 0) return -1;
-  return sIndex.pSlots[IndexProbe(name, FoldedHash(name))];
-}
-
-// ---------------------------------------------------------------------------
-// Prefix index
-//
-// Answers the server-tag test (is some entry of gTagPrefixes a prefix of a
-// name, ignoring case) as StringArrayFind would, without walking the list: a
-// page may declare a taglib prefix in every directive, and a walk per tag
-// would cost the page's directives times its tags. Each distinct folded
-// prefix is kept once in a linear-probing table, and the distinct prefix
-// lengths in ascending order; a name is hashed in one walk from its start and
-// probed at each of those lengths that it reaches.
-//
-// The index covers the first nIndexed entries of gTagPrefixes and takes in
-// the entries appended since at the next lookup, so the appends need no hook.
-// PreInitialize and PreCleanup start it afresh. When it cannot grow it
-// releases its memory and the test falls back to StringArrayFind until the
-// next start.
-
-struct PrefixSlot {
-  int32_t iEntry;   // entry of gTagPrefixes, -1 for an empty slot
-  int32_t nLength;  // its length
-  uint32_t hash;    // FoldedHash of it
-};
-
-struct PrefixIndex {
-  PrefixSlot* pSlots;
-  int32_t nSlots;     // a power of two, or 0 before the first prefix
-  int32_t nPrefixes;  // slots in use; at most half of nSlots
-  int32_t* pLengths;  // distinct prefix lengths, ascending
-  int32_t nLengths;
-  int32_t nLengthCapacity;
-  int32_t nIndexed;   // entries of gTagPrefixes taken in
-  bool bValid;
-};
-
-PrefixIndex sPrefixes;
-
-void PrefixIndexRelease() {
-  MemFree(sPrefixes.pSlots);
-  MemFree(sPrefixes.pLengths);
-  sPrefixes = PrefixIndex{};
-}
-
-void PrefixIndexStart() {
-  PrefixIndexRelease();
-  sPrefixes.bValid = true;
-}
-
-// Slot holding the prefix of name's first nLength units, or the empty slot
-// where it would go.
-uint32_t PrefixProbe(const char16_t* name, int32_t nLength, uint32_t hash) {
-  uint32_t mask = static_cast<uint32_t>(sPrefixes.nSlots) - 1;
-  for (uint32_t s = hash & mask;; s = (s + 1) & mask) {
-    const PrefixSlot& slot = sPrefixes.pSlots[s];
-    if (slot.iEntry == -1) return s;
-    if (slot.hash == hash && slot.nLength == nLength &&
-        UnitsEqualFolded(gTagPrefixes.pData[slot.iEntry], name, static_cast<size_t>(nLength)))
-      return s;
-  }
-}
-
-bool PrefixGrowSlots() {
-  if (sPrefixes.nSlots >= kLargestIndexSize) return false;
-  int32_t nNew = sPrefixes.nSlots ? sPrefixes.nSlots * 2 : kFirstIndexSize;
-  PrefixSlot* pNew = static_cast<PrefixSlot*>(MemAlloc(static_cast<size_t>(nNew) * sizeof(PrefixSlot)));
-  if (!pNew) return false;
-  for (int32_t s = 0; s < nNew; ++s) pNew[s].iEntry = -1;
-  uint32_t mask = static_cast<uint32_t>(nNew) - 1;
-  for (int32_t s = 0; s < sPrefixes.nSlots; ++s) {
-    if (sPrefixes.pSlots[s].iEntry == -1) continue;
-    uint32_t t = sPrefixes.pSlots[s].hash & mask;
-    while (pNew[t].iEntry != -1) t = (t + 1) & mask;
-    pNew[t] = sPrefixes.pSlots[s];
-  }
-  MemFree(sPrefixes.pSlots);
-  sPrefixes.pSlots = pNew;
-  sPrefixes.nSlots = nNew;
-  return true;
-}
-
-// Puts nLength among the distinct lengths, keeping them ascending. Few
-// lengths occur (a declared prefix has at most 121 units), so the insertion
-// shifts little.
-bool PrefixAddLength(int32_t nLength) {
-  int32_t k = 0;
-  while (k < sPrefixes.nLengths && sPrefixes.pLengths[k] < nLength) ++k;
-  if (k < sPrefixes.nLengths && sPrefixes.pLengths[k] == nLength) return true;
-  if (sPrefixes.nLengths == sPrefixes.nLengthCapacity) {
-    if (sPrefixes.nLengthCapacity >= kLargestIndexSize) return false;
-    int32_t nNew = sPrefixes.nLengthCapacity ? sPrefixes.nLengthCapacity * 2 : 16;
-    void* pNew = MemRealloc(sPrefixes.pLengths, static_cast<size_t>(nNew) * sizeof(int32_t));
-    if (!pNew) return false;
-    sPrefixes.pLengths = static_cast<int32_t*>(pNew);
-    sPrefixes.nLengthCapacity = nNew;
-  }
-  std::memmove(sPrefixes.pLengths + k + 1, sPrefixes.pLengths + k,
-               static_cast<size_t>(sPrefixes.nLengths - k) * sizeof(int32_t));
-  sPrefixes.pLengths[k] = nLength;
-  ++sPrefixes.nLengths;
-  return true;
-}
-
-// Takes in entry iEntry of gTagPrefixes; a prefix already held (in any
-// letter case) is not held twice.
-bool PrefixIndexAdd(int32_t iEntry) {
-  const char16_t* prefix = gTagPrefixes.pData[iEntry];
-  size_t nLength = TextLength(prefix);
-  if (nLength > static_cast<size_t>(INT32_MAX)) return false;
-  if ((static_cast<int64_t>(sPrefixes.nPrefixes) + 1) * 2 > sPrefixes.nSlots && !PrefixGrowSlots()) return false;
-  uint32_t hash = FoldedHash(prefix);
-  uint32_t s = PrefixProbe(prefix, static_cast<int32_t>(nLength), hash);
-  if (sPrefixes.pSlots[s].iEntry != -1) return true;
-  if (!PrefixAddLength(static_cast<int32_t>(nLength))) return false;
-  sPrefixes.pSlots[s] = PrefixSlot{iEntry, static_cast<int32_t>(nLength), hash};
-  ++sPrefixes.nPrefixes;
-  return true;
-}
-
-// Brings the index up to gTagPrefixes; false when it cannot be used.
-bool PrefixIndexCatchUp() {
-  if (!sPrefixes.bValid) return false;
-  // Fewer entries than taken in: the list was made anew behind the index.
-  if (gTagPrefixes.nSize < sPrefixes.nIndexed) PrefixIndexStart();
-  for (; sPrefixes.nIndexed < gTagPrefixes.nSize; ++sPrefixes.nIndexed) {
-    if (!PrefixIndexAdd(sPrefixes.nIndexed)) {
-      PrefixIndexRelease();
-      return false;
-    }
-  }
-  return true;
-}
-
-// ---------------------------------------------------------------------------
-// The open-tag stack
-
-// Index of the top entry, -1 when the stack is empty (or its arrays are not
-// of one length, which only a foreign change could cause).
-int32_t TopEntry() {
-  int32_t n = gOpenTags.nSize;
-  if (n < 1 || gOpenTagOffsets.nSize != n || gOpenTagIsServerTag.nSize != n ||
-      gOpenTagIsNonHtmlServerTag.nSize != n)
-    return -1;
-  return n - 1;
-}
-
-// Pushes (name, offset, bServer, 0) on all four stacks, or on none when
-// memory runs out or the stack was never made.
-bool PushOpenTag(const char16_t* name, int32_t offset, int32_t bServer) {
-  if (!gOpenTags.pData || !gOpenTagOffsets.pData || !gOpenTagIsServerTag.pData ||
-      !gOpenTagIsNonHtmlServerTag.pData)
-    return false;
-  if (!StringArrayPush(&gOpenTags, name)) return false;
-  if (IntArrayPush(&gOpenTagOffsets, offset)) {
-    if (IntArrayPush(&gOpenTagIsServerTag, bServer)) {
-      if (IntArrayPush(&gOpenTagIsNonHtmlServerTag, 0)) {
-        IndexPush(name);
-        return true;
-      }
-      IntArrayPop(&gOpenTagIsServerTag);
-    }
-    IntArrayPop(&gOpenTagOffsets);
-  }
-  MemFree(StringArrayPop(&gOpenTags));
-  return false;
-}
-
-// Pops the top n entries; their names are released, nothing else is undone.
-void PopOpenTags(int32_t n) {
-  if (n < 1) return;
-  IndexPopTo(gOpenTags.nSize - n);
-  MemFree(StringArrayPopN(&gOpenTags, n));
-  IntArrayPopN(&gOpenTagOffsets, n);
-  IntArrayPopN(&gOpenTagIsServerTag, n);
-  IntArrayPopN(&gOpenTagIsNonHtmlServerTag, n);
-}
-
-// Server-tag test by prefix: some entry of gTagPrefixes begins name,
-// ignoring case (an empty entry begins every name).
-bool IsServerTagName(const char16_t* name) {
-  if (!PrefixIndexCatchUp()) return StringArrayFind(&gTagPrefixes, name) >= 0;
-  uint32_t h = kHashStart;
-  int32_t nHashed = 0;
-  for (int32_t k = 0; k < sPrefixes.nLengths; ++k) {
-    int32_t nLength = sPrefixes.pLengths[k];
-    for (; nHashed < nLength; ++nHashed) {
-      if (name[nHashed] == 0) return false;  // shorter than every prefix left
-      h = HashStep(h, name[nHashed]);
-    }
-    uint32_t hash = HashEnd(h);
-    if (sPrefixes.pSlots[PrefixProbe(name, nLength, hash)].iEntry != -1) return true;
-  }
-  return false;
-}
-
-bool IsZboutput(const char16_t* name) { return SameFolded(name, char16_literal(u"zboutput")); }
+bool IsZboutput(const char16_t* name) { return TextsEqualFolded(name, char16_literal(u"zboutput")); }
 
 // A zboutput block whose content is exactly one #...# expression ends with
 // five places: code 1 at the block's tag, its code 6, code 3 at the same
@@ -570,7 +149,7 @@ int CopyArgumentText(void* cx, ScriptValue v, char16_t** pTarget) {
   int32_t n = 0;
   const char16_t* text = HostValueToString(cx, v, &n);
   if (!text || n < 0) n = 0;
-  char16_t* copy = static_cast<char16_t*>(MemAlloc((static_cast<size_t>(n) + 1) * sizeof(char16_t)));
+  char16_t* copy = TextAlloc(int64_t{n} + 1);
   if (!copy) return 0;
   int32_t i = 0;
   for (; i < n && text[i]; ++i) copy[i] = text[i];
@@ -589,7 +168,7 @@ void DeclareTaglibPrefix(const char16_t* text, int64_t length) {
   if (text[0] != u'<' || text[1] != u'%' || text[2] != u'@') return;
   char16_t word[128];
   if (char16_swscanf(text + 3, char16_literal(u" %120ls"), word) != 1) return;
-  if (!SameFolded(word, char16_literal(u"taglib"))) return;
+  if (!TextsEqualFolded(word, char16_literal(u"taglib"))) return;
   int64_t iWord = FindUnits(text, length, char16_literal(u"prefix"), 6);
   if (iWord < 0) iWord = FindUnits(text, length, char16_literal(u"PREFIX"), 6);
   if (iWord < 0) return;
@@ -620,6 +199,10 @@ bool IsConfiguredDirective(const char16_t* text, int64_t length) {
          FindUnits(text, length, gDirEndChars, nEnd) >= 0;
 }
 
+bool ContainsUnits(const char16_t* text, int64_t n, const char16_t* needle) {
+  return FindUnits(text, n, needle, static_cast<int64_t>(TextLength(needle))) >= 0;
+}
+
 bool IsInclude(const char16_t* text, int64_t length) {
   return ContainsUnits(text, length, char16_literal(u"#include")) ||
          ContainsUnits(text, length, char16_literal(u"#Include")) ||
@@ -640,16 +223,16 @@ int PreInitialize(void* cx, uint32_t argc, ScriptValue* argv) {
   if (gDirStartChars != nullptr || gDirEndChars != nullptr || gInsideNonHtml != 0 || gInsideZboutput != 0)
     return 0;
   sPendingTag = kNoTag;
-  IndexRelease();
-  PrefixIndexRelease();
+  OpenTagStackRelease();
+  TagPrefixIndexRelease();
   if (!StringArrayCreate(&gTagPrefixes) || !StringArrayCreate(&gTagsContainingNonHtml) ||
       !StringArrayCreate(&gAttrsForServerTags) || !StringArrayCreate(&gAttrValuesForServerTags) ||
       !IntArrayCreate(&gAttrsDenoteNonHtmlTags) || !StringArrayCreate(&gOpenTags) ||
       !IntArrayCreate(&gOpenTagOffsets) || !IntArrayCreate(&gOpenTagIsServerTag) ||
       !IntArrayCreate(&gOpenTagIsNonHtmlServerTag))
     return 0;
-  IndexStart();
-  PrefixIndexStart();
+  OpenTagStackStart();
+  TagPrefixIndexStart();
   if (argc != 4 && argc != 7) return 0;
   if (!CopyArgumentText(cx, argv[0], &gDirStartChars)) return 0;
   if (!CopyArgumentText(cx, argv[1], &gDirEndChars)) return 0;
@@ -714,8 +297,8 @@ int PreCleanup() {
   StringArrayDestroy(&gTagsContainingNonHtml);
   gInsideNonHtml = 0;
   gInsideZboutput = 0;
-  IndexRelease();
-  PrefixIndexRelease();
+  OpenTagStackRelease();
+  TagPrefixIndexRelease();
   sPendingTag = kNoTag;
   return 1;
 }
@@ -747,21 +330,23 @@ int PreText(void* cx, uint32_t argc, ScriptValue* argv) {
   if (argc != 2) return 0;
   int32_t length = 0;
   const char16_t* text = HostValueToString(cx, argv[0], &length);
-  intptr_t offset = 0;
-  HostValueToInteger(cx, argv[1], &offset);
+  intptr_t value = 0;
+  HostValueToInteger(cx, argv[1], &value);
+  // Like every offset from the host, only its low 32 bits count.
+  const int64_t offset = static_cast<int32_t>(value);
   if (!text) return 1;
   int32_t nSaved = gOffsetArray.nSize;
   int64_t iStart = -1;
   int64_t iEnd = -1;
   // Each search starts past the last pair, so the run is walked once.
   for (int64_t iFrom = 0; FindHashPair(text, iFrom, &iStart, &iEnd); iFrom = iEnd + 1) {
-    RecordPlace(static_cast<int64_t>(offset) + iStart, kPlaceExpression);
-    RecordPlace(static_cast<int64_t>(offset) + iEnd + 1, kPlaceEnd);
+    RecordPlace(offset + iStart, kPlaceExpression);
+    RecordPlace(offset + iEnd + 1, kPlaceEnd);
   }
   if (iStart >= 1 && iEnd == -1) {
     CutPlaces(nSaved);
     RecordPlace(offset, kPlaceDirective);
-    RecordPlace(static_cast<int64_t>(offset) + (length < 0 ? 0 : length), kPlaceEnd);
+    RecordPlace(offset + (length < 0 ? 0 : length), kPlaceEnd);
   }
   return 1;
 }
@@ -774,10 +359,10 @@ int PreText(void* cx, uint32_t argc, ScriptValue* argv) {
 int PreOpenTagBegin(const char16_t* name, int32_t offset) {
   sPendingTag = kNoTag;
   gbHasAttrs = 0;
-  if (!name || !PushOpenTag(name, offset, 0)) return 1;
+  if (!name || !OpenTagStackPush(name, offset, 0)) return 1;
   sPendingTag = kOpenTag;
   int32_t iTop = gOpenTags.nSize - 1;
-  if (!IsServerTagName(name)) return 1;
+  if (!TagPrefixIndexMatches(name)) return 1;
   gOpenTagIsServerTag.pData[iTop] = 1;
   if (gInsideNonHtml == 0) RecordPlace(offset, kPlaceServerOpenTag);
   if (StringArrayFindExact(&gTagsContainingNonHtml, name) >= 0) {
@@ -800,14 +385,14 @@ int PreOpenTagBegin(const char16_t* name, int32_t offset) {
 // has attributes. Ignored when no open tag is being scanned.
 int PreAttributeVX(const char16_t* name, const char16_t* value) {
   if (!name || !value || sPendingTag != kOpenTag) return 1;
-  int32_t iTop = TopEntry();
+  int32_t iTop = OpenTagStackTop();
   if (iTop < 0) return 1;
   int32_t nRules = gAttrsForServerTags.nSize < gAttrValuesForServerTags.nSize ? gAttrsForServerTags.nSize
                                                                              : gAttrValuesForServerTags.nSize;
   for (int32_t i = 0; i < nRules; ++i) {
     const char16_t* ruleName = gAttrsForServerTags.pData[i];
     const char16_t* ruleValue = gAttrValuesForServerTags.pData[i];
-    if (!SameFolded(name, ruleName) || !SameFolded(value, ruleValue)) continue;
+    if (!TextsEqualFolded(name, ruleName) || !TextsEqualFolded(value, ruleValue)) continue;
     if (gOpenTagIsServerTag.pData[iTop] == 0 && gInsideNonHtml == 0)
       RecordPlace(gOpenTagOffsets.pData[iTop], kPlaceServerOpenTag);
     gOpenTagIsServerTag.pData[iTop] = 1;
@@ -832,13 +417,13 @@ int PreAttributeVX(const char16_t* name, const char16_t* value) {
 int PreOpenTagEnd(int32_t endOffset, const char16_t* closingText) {
   bool bPending = sPendingTag == kOpenTag;
   sPendingTag = kNoTag;
-  int32_t iTop = TopEntry();
+  int32_t iTop = OpenTagStackTop();
   if (!bPending || iTop < 0) return 1;
   int32_t bServer = gOpenTagIsServerTag.pData[iTop];
   int32_t bNonHtml = gOpenTagIsNonHtmlServerTag.pData[iTop];
   size_t nClosing = TextLength(closingText);
   if (nClosing > 0 && closingText[nClosing - 1] == u'/') {
-    PopOpenTags(1);
+    OpenTagStackPop(1);
     if (bNonHtml) --gInsideNonHtml;
   }
   if (gInsideNonHtml != 0) return 1;
@@ -859,13 +444,13 @@ int PreOpenTagEnd(int32_t endOffset, const char16_t* closingText) {
 int PreCloseTagBegin(const char16_t* name, int32_t offset) {
   sPendingTag = kNoTag;
   if (!name) return 1;
-  int32_t iFound = FindOpenTag(name);
+  int32_t iFound = OpenTagStackFind(name);
   if (iFound >= 0) {
-    PopOpenTags(gOpenTags.nSize - 1 - iFound);
-  } else if (!PushOpenTag(name, -1, IsServerTagName(name) ? 1 : 0)) {
+    OpenTagStackPop(gOpenTags.nSize - 1 - iFound);
+  } else if (!OpenTagStackPush(name, -1, TagPrefixIndexMatches(name) ? 1 : 0)) {
     return 1;
   }
-  int32_t iTop = TopEntry();
+  int32_t iTop = OpenTagStackTop();
   if (iTop < 0) return 1;
   sPendingTag = kCloseTag;
   if (!gOpenTagIsServerTag.pData[iTop]) return 1;
@@ -884,10 +469,10 @@ int PreCloseTagBegin(const char16_t* name, int32_t offset) {
 int PreCloseTagEnd(int32_t endOffset) {
   bool bPending = sPendingTag == kCloseTag;
   sPendingTag = kNoTag;
-  int32_t iTop = TopEntry();
+  int32_t iTop = OpenTagStackTop();
   if (!bPending || iTop < 0) return 1;
   int32_t bServer = gOpenTagIsServerTag.pData[iTop];
-  PopOpenTags(1);
+  OpenTagStackPop(1);
   if (bServer && gInsideNonHtml == 0) RecordPlace(endOffset, kPlaceEnd);
   return 1;
 }

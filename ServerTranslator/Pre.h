@@ -1,5 +1,5 @@
-// The pre pass: settings read from the script, detection of server markup in
-// directives, text runs and tags, and the open-tag stack.
+// The pre pass: settings read from the script, and the handlers that detect
+// server markup in directives, text runs and tags. Its state is in Session.h.
 #ifndef QZ_PRE_H
 #define QZ_PRE_H
 
@@ -8,23 +8,6 @@
 #include "HostInterface.h"
 #include "IntArray.h"
 #include "StringArray.h"
-
-extern char16_t* gDirStartChars;  // owned; null outside a pre pass
-extern char16_t* gDirEndChars;    // owned; null outside a pre pass
-extern StringArray gTagPrefixes;
-extern StringArray gTagsContainingNonHtml;
-extern StringArray gAttrsForServerTags;
-extern StringArray gAttrValuesForServerTags;
-extern IntArray gAttrsDenoteNonHtmlTags;
-extern StringArray gOpenTags;               // open-tag stack: names, innermost last
-extern IntArray gOpenTagOffsets;            // parallel: "<" offset, -1 for an unmatched close tag
-extern IntArray gOpenTagIsServerTag;        // parallel: 1 for a server tag
-extern IntArray gOpenTagIsNonHtmlServerTag; // parallel: 1 when its content is not HTML
-extern int64_t gInsideNonHtml;
-extern int32_t gInsideZboutput;
-extern uint8_t gbHasAttrs;
-extern int32_t gZboutputStartOffset;
-extern uint8_t gZboutputStartHasAttrs;
 
 int PreInitialize(void* cx, uint32_t argc, ScriptValue* argv);
 int GetJSStringArray(void* cx, void* thisObj, ScriptValue* argv, int index, StringArray* target);

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "Memory.h"
-#include "Utility.h"
+#include "Text16.h"
 
 static const int32_t kFirstCapacity = 100;
 

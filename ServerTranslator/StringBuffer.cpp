@@ -53,3 +53,11 @@ int StringBufferAdd(StringBuffer* buffer, const char16_t* text, int32_t nbytes) 
   buffer->nSize += nbytes;
   return 1;
 }
+
+// StringBufferAdd for a count computed in 64 bits or measured from a text: a
+// count below 0 or beyond what a buffer can hold fails (0) and leaves the
+// buffer as it was, where StringBufferAdd would stop the process or wrap.
+int StringBufferAddUnits(StringBuffer* buffer, const char16_t* text, int64_t nUnits) {
+  if (nUnits < 0 || nUnits > INT32_MAX) return 0;
+  return StringBufferAdd(buffer, text, static_cast<int32_t>(nUnits));
+}

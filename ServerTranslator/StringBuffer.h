@@ -13,5 +13,6 @@ struct StringBuffer {
 
 int StringBufferCreate(StringBuffer* buffer);
 int StringBufferAdd(StringBuffer* buffer, const char16_t* text, int32_t nbytes);
+int StringBufferAddUnits(StringBuffer* buffer, const char16_t* text, int64_t nUnits);
 
 #endif

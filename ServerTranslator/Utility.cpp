@@ -1,8 +1,7 @@
 // Text utilities: formatting with a script-supplied format, URL encoding,
-// the #...# pair search of zboutput text and line-ending matching, plus the
-// small text helpers the whole library shares. Everything a function here
-// allocates comes from the Memory module; results are released by callers
-// with MemFree.
+// the #...# pair search of zboutput text and line-ending matching.
+// Everything a function here allocates comes from the Memory module; results
+// are released by callers with MemFree.
 #include "Utility.h"
 
 #include <cstdarg>
@@ -11,19 +10,7 @@
 #include <cstring>
 
 #include "Memory.h"
-
-size_t TextLength(const char16_t* text) {
-  if (!text) return 0;
-  size_t n = 0;
-  while (text[n] != 0) ++n;
-  return n;
-}
-
-bool UnitsEqualFolded(const char16_t* a, const char16_t* b, size_t n) {
-  for (size_t i = 0; i < n; ++i)
-    if (FoldUnit(a[i]) != FoldUnit(b[i])) return false;
-  return true;
-}
+#include "Text16.h"
 
 // ---------------------------------------------------------------------------
 // Formatting
@@ -96,10 +83,7 @@ static bool IsUrlSafePunct(char16_t u) {
 char16_t* EncodeURL(const char16_t* text, int32_t length) {
   int64_t n = text && length > 0 ? length : 0;
   // Each unit becomes at most three.
-  uint64_t nUnits = 3 * static_cast<uint64_t>(n) + 1;
-  if (nUnits > SIZE_MAX / sizeof(char16_t)) return nullptr;
-  char16_t* result =
-      static_cast<char16_t*>(MemAlloc(static_cast<size_t>(nUnits) * sizeof(char16_t)));
+  char16_t* result = TextAlloc(3 * n + 1);
   if (!result) return nullptr;
 
   const char16_t* escape = char16_literal(u"%%%02X");
@@ -109,7 +93,7 @@ char16_t* EncodeURL(const char16_t* text, int32_t length) {
     if (u == '\r') {
       if (text[i + 1] == '\n') ++i;
       u = '\n';
-    } else if (u >= 128 || IsUrlSafePunct(u) || (__wctype_mapC[u] & 0x184) == 0) {
+    } else if (!IsControlPunctOrWhite(u) || IsUrlSafePunct(u)) {
       *out++ = u;
       continue;
     }
@@ -291,8 +275,8 @@ const char16_t* StringSetLineEndingsToMatch(const char16_t* model, const char16_
 
   size_t n = TextLength(text);
   // Room for every unit to become two.
-  if (n > (SIZE_MAX / sizeof(char16_t) - 1) / 2) return nullptr;
-  char16_t* result = static_cast<char16_t*>(MemAlloc((2 * n + 1) * sizeof(char16_t)));
+  if (n > INT64_MAX / 4) return nullptr;
+  char16_t* result = TextAlloc(2 * static_cast<int64_t>(n) + 1);
   if (!result) return nullptr;
 
   char16_t* out = result;

@@ -8,6 +8,7 @@
 
 #include "Engine.h"
 #include "Main.h"
+#include "Session.h"
 #include "TranslationSession.h"
 
 namespace {

@@ -40,9 +40,10 @@ constexpr uint16_t ClassOf(unsigned u) {
 }
 
 // What the extension relies on, checked where the tables are made.
+constexpr uint16_t kEscapedByUrls = kChar16Control | kChar16Punct | kChar16Space;
 static_assert(ClassOf(' ') & kChar16Space && ClassOf('\r') & kChar16Space);
-static_assert((ClassOf('A') & 0x184) == 0 && (ClassOf('z') & 0x184) == 0);
-static_assert((ClassOf('0') & 0x184) == 0 && (ClassOf(0xE9) & 0x184) == 0);
+static_assert((ClassOf('A') & kEscapedByUrls) == 0 && (ClassOf('z') & kEscapedByUrls) == 0);
+static_assert((ClassOf('0') & kEscapedByUrls) == 0 && (ClassOf(0xE9) & kEscapedByUrls) == 0);
 static_assert(ClassOf('"') & kChar16Punct && ClassOf('~') & kChar16Punct);
 static_assert(ClassOf(0) & kChar16Control && ClassOf(127) & kChar16Control);
 static_assert(LowerOf('Q') == u'q' && LowerOf(0xC9) == 0xC9);
@@ -123,8 +124,8 @@ void PutAscii(Out* out, const char* text, size_t n) {
   for (size_t i = 0; i < n && !out->bCut; ++i) Put(out, static_cast<char16_t>(text[i]));
 }
 
-// One parsed conversion: "%" flags width .precision length conversion.
-struct Spec {
+// One parsed conversion: "%", flags, width, .precision, length, letter.
+struct Conversion {
   bool bLeft = false;
   bool bZero = false;
   bool bPlus = false;
@@ -134,7 +135,7 @@ struct Spec {
   bool bPrecision = false;
   size_t nPrecision = 0;
   int nLength = 0;  // 0 none, 'H' hh, 'h', 'l', 'L' ll, 'z', 'j', 't'
-  char16_t conversion = 0;
+  char16_t letter = 0;  // d i u x X c s or %
 };
 
 // Reads decimal digits, held at kMaxWidth.
@@ -151,50 +152,50 @@ size_t ReadCount(const char16_t** pp) {
 
 // Parses the conversion that starts just after a "%". Returns false when the
 // text is not a conversion this library knows; then nothing is consumed.
-bool ParseSpec(const char16_t** pp, Spec* spec) {
+bool ParseConversion(const char16_t** pp, Conversion* conv) {
   const char16_t* p = *pp;
   for (;; ++p) {
-    if (*p == '-') spec->bLeft = true;
-    else if (*p == '0') spec->bZero = true;
-    else if (*p == '+') spec->bPlus = true;
-    else if (*p == ' ') spec->bSpace = true;
-    else if (*p == '#') spec->bAlt = true;
+    if (*p == '-') conv->bLeft = true;
+    else if (*p == '0') conv->bZero = true;
+    else if (*p == '+') conv->bPlus = true;
+    else if (*p == ' ') conv->bSpace = true;
+    else if (*p == '#') conv->bAlt = true;
     else break;
   }
-  spec->nWidth = ReadCount(&p);
+  conv->nWidth = ReadCount(&p);
   if (*p == '.') {
     ++p;
-    spec->bPrecision = true;
-    spec->nPrecision = ReadCount(&p);
+    conv->bPrecision = true;
+    conv->nPrecision = ReadCount(&p);
   }
   switch (*p) {
     case 'h':
       ++p;
-      spec->nLength = 'h';
+      conv->nLength = 'h';
       if (*p == 'h') {
         ++p;
-        spec->nLength = 'H';
+        conv->nLength = 'H';
       }
       break;
     case 'l':
       ++p;
-      spec->nLength = 'l';
+      conv->nLength = 'l';
       if (*p == 'l') {
         ++p;
-        spec->nLength = 'L';
+        conv->nLength = 'L';
       }
       break;
     case 'z':
     case 'j':
     case 't':
-      spec->nLength = *p++;
+      conv->nLength = *p++;
       break;
     default:
       break;
   }
   switch (*p) {
     case 'd': case 'i': case 'u': case 'x': case 'X': case 'c': case 's': case '%':
-      spec->conversion = *p++;
+      conv->letter = *p++;
       *pp = p;
       return true;
     default:
@@ -204,61 +205,61 @@ bool ParseSpec(const char16_t** pp, Spec* spec) {
 
 // Pads to the width around a body of nBody units written by body().
 template <typename Body>
-void PutPadded(Out* out, const Spec& spec, size_t nBody, Body body) {
-  size_t nPad = spec.nWidth > nBody ? spec.nWidth - nBody : 0;
-  if (!spec.bLeft) PutRepeat(out, ' ', nPad);
+void PutPadded(Out* out, const Conversion& conv, size_t nBody, Body body) {
+  size_t nPad = conv.nWidth > nBody ? conv.nWidth - nBody : 0;
+  if (!conv.bLeft) PutRepeat(out, ' ', nPad);
   body();
-  if (spec.bLeft) PutRepeat(out, ' ', nPad);
+  if (conv.bLeft) PutRepeat(out, ' ', nPad);
 }
 
-void PutInteger(Out* out, const Spec& spec, unsigned long long magnitude, bool bNegative) {
-  bool bSigned = spec.conversion == 'd' || spec.conversion == 'i';
-  bool bHex = spec.conversion == 'x' || spec.conversion == 'X';
-  const char* digitSet = spec.conversion == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
+void PutInteger(Out* out, const Conversion& conv, unsigned long long magnitude, bool bNegative) {
+  bool bSigned = conv.letter == 'd' || conv.letter == 'i';
+  bool bHex = conv.letter == 'x' || conv.letter == 'X';
+  const char* digitSet = conv.letter == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
   unsigned base = bHex ? 16 : 10;
 
   char digits[24];
   size_t nDigits = 0;
   for (unsigned long long m = magnitude; m != 0; m /= base) digits[nDigits++] = digitSet[m % base];
   // Without a precision a zero still shows one digit; "%.0d" of 0 shows none.
-  size_t nMinDigits = spec.bPrecision ? spec.nPrecision : 1;
+  size_t nMinDigits = conv.bPrecision ? conv.nPrecision : 1;
   size_t nZeros = nMinDigits > nDigits ? nMinDigits - nDigits : 0;
 
   char prefix[3];
   size_t nPrefix = 0;
   if (bSigned && bNegative) prefix[nPrefix++] = '-';
-  else if (bSigned && spec.bPlus) prefix[nPrefix++] = '+';
-  else if (bSigned && spec.bSpace) prefix[nPrefix++] = ' ';
-  if (bHex && spec.bAlt && magnitude != 0) {
+  else if (bSigned && conv.bPlus) prefix[nPrefix++] = '+';
+  else if (bSigned && conv.bSpace) prefix[nPrefix++] = ' ';
+  if (bHex && conv.bAlt && magnitude != 0) {
     prefix[nPrefix++] = '0';
-    prefix[nPrefix++] = static_cast<char>(spec.conversion);
+    prefix[nPrefix++] = static_cast<char>(conv.letter);
   }
 
   size_t nBody = nPrefix + nZeros + nDigits;
-  if (spec.bZero && !spec.bLeft && !spec.bPrecision && spec.nWidth > nBody) {
-    nZeros += spec.nWidth - nBody;
-    nBody = spec.nWidth;
+  if (conv.bZero && !conv.bLeft && !conv.bPrecision && conv.nWidth > nBody) {
+    nZeros += conv.nWidth - nBody;
+    nBody = conv.nWidth;
   }
-  PutPadded(out, spec, nBody, [&] {
+  PutPadded(out, conv, nBody, [&] {
     PutAscii(out, prefix, nPrefix);
     PutRepeat(out, '0', nZeros);
     while (nDigits > 0 && !out->bCut) Put(out, static_cast<char16_t>(digits[--nDigits]));
   });
 }
 
-void PutText(Out* out, const Spec& spec, const char16_t* text) {
+void PutText(Out* out, const Conversion& conv, const char16_t* text) {
   if (!text) text = u"(null)";
   // The precision bounds what is read, so an unterminated text is safe too.
-  size_t nLimit = spec.bPrecision ? spec.nPrecision : SIZE_MAX;
+  size_t nLimit = conv.bPrecision ? conv.nPrecision : SIZE_MAX;
   size_t n = 0;
   while (n < nLimit && text[n] != 0) ++n;
-  PutPadded(out, spec, n, [&] {
+  PutPadded(out, conv, n, [&] {
     for (size_t i = 0; i < n && !out->bCut; ++i) Put(out, text[i]);
   });
 }
 
-long long SignedArg(const Spec& spec, va_list* args) {
-  switch (spec.nLength) {
+long long SignedArg(const Conversion& conv, va_list* args) {
+  switch (conv.nLength) {
     case 'H': return static_cast<signed char>(va_arg(*args, int));
     case 'h': return static_cast<short>(va_arg(*args, int));
     case 'l': return va_arg(*args, long);
@@ -270,8 +271,8 @@ long long SignedArg(const Spec& spec, va_list* args) {
   }
 }
 
-unsigned long long UnsignedArg(const Spec& spec, va_list* args) {
-  switch (spec.nLength) {
+unsigned long long UnsignedArg(const Conversion& conv, va_list* args) {
+  switch (conv.nLength) {
     case 'H': return static_cast<unsigned char>(va_arg(*args, unsigned));
     case 'h': return static_cast<unsigned short>(va_arg(*args, unsigned));
     case 'l': return va_arg(*args, unsigned long);
@@ -283,30 +284,30 @@ unsigned long long UnsignedArg(const Spec& spec, va_list* args) {
   }
 }
 
-void PutConversion(Out* out, const Spec& spec, va_list* args) {
-  switch (spec.conversion) {
+void PutConversion(Out* out, const Conversion& conv, va_list* args) {
+  switch (conv.letter) {
     case '%':
       Put(out, '%');
       return;
     case 'c': {
       char16_t u = static_cast<char16_t>(va_arg(*args, int));
-      PutPadded(out, spec, 1, [&] { Put(out, u); });
+      PutPadded(out, conv, 1, [&] { Put(out, u); });
       return;
     }
     case 's':
-      PutText(out, spec, va_arg(*args, const char16_t*));
+      PutText(out, conv, va_arg(*args, const char16_t*));
       return;
     case 'd':
     case 'i': {
-      long long value = SignedArg(spec, args);
+      long long value = SignedArg(conv, args);
       // The magnitude of LLONG_MIN does not fit a long long; negate unsigned.
       unsigned long long magnitude = value < 0 ? 0ULL - static_cast<unsigned long long>(value)
                                                : static_cast<unsigned long long>(value);
-      PutInteger(out, spec, magnitude, value < 0);
+      PutInteger(out, conv, magnitude, value < 0);
       return;
     }
     default:
-      PutInteger(out, spec, UnsignedArg(spec, args), false);
+      PutInteger(out, conv, UnsignedArg(conv, args), false);
       return;
   }
 }
@@ -379,14 +380,14 @@ int char16_vswprintf(char16_t* buffer, size_t size, const char16_t* format, va_l
       Put(&out, *p++);
       continue;
     }
-    Spec spec;
+    Conversion conv;
     const char16_t* after = p + 1;
-    if (!ParseSpec(&after, &spec)) {
+    if (!ParseConversion(&after, &conv)) {
       // Not a conversion: the "%" stands for itself and no value is taken.
       Put(&out, *p++);
       continue;
     }
-    PutConversion(&out, spec, &argsCopy);
+    PutConversion(&out, conv, &argsCopy);
     p = after;
   }
   va_end(argsCopy);

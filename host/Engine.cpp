@@ -196,16 +196,16 @@ struct EngineOps {
 
 std::array<void*, kTableSlots> Engine::Table() {
   std::array<void*, kTableSlots> t{};
-  t[0] = this;
-  t[1] = reinterpret_cast<void*>(&EngineOps::Define);
-  t[3] = reinterpret_cast<void*>(&EngineOps::ToInteger);
-  t[5] = reinterpret_cast<void*>(&EngineOps::ToBoolean);
-  t[6] = reinterpret_cast<void*>(&EngineOps::ToObject);
-  t[9] = reinterpret_cast<void*>(&EngineOps::ClassName);
-  t[11] = reinterpret_cast<void*>(&EngineOps::ArrayLength);
-  t[12] = reinterpret_cast<void*>(&EngineOps::ArrayElement);
-  t[17] = reinterpret_cast<void*>(&EngineOps::ToString);
-  t[18] = reinterpret_cast<void*>(&EngineOps::StringToValue);
+  t[kSlotLibraryObject] = this;
+  t[kSlotDefineFunction] = reinterpret_cast<void*>(&EngineOps::Define);
+  t[kSlotValueToInteger] = reinterpret_cast<void*>(&EngineOps::ToInteger);
+  t[kSlotValueToBoolean] = reinterpret_cast<void*>(&EngineOps::ToBoolean);
+  t[kSlotValueToObject] = reinterpret_cast<void*>(&EngineOps::ToObject);
+  t[kSlotClassName] = reinterpret_cast<void*>(&EngineOps::ClassName);
+  t[kSlotArrayLength] = reinterpret_cast<void*>(&EngineOps::ArrayLength);
+  t[kSlotArrayElement] = reinterpret_cast<void*>(&EngineOps::ArrayElement);
+  t[kSlotValueToString] = reinterpret_cast<void*>(&EngineOps::ToString);
+  t[kSlotStringToValue] = reinterpret_cast<void*>(&EngineOps::StringToValue);
   return t;
 }
 

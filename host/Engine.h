@@ -15,15 +15,17 @@
 #include <string>
 #include <vector>
 
+#include "HostContract.h"
+
 namespace qzhost {
 
-using Value = uint64_t;
-using NativeFn = int (*)(void* cx, void* thisObj, uint32_t argc, Value* argv, Value* rval);
+using Value = ScriptValue;
+using NativeFn = Native;
 
 constexpr Value kNull = 0;
-constexpr Value kTrue = 14;
+constexpr Value kTrue = kScriptTrue;
 constexpr Value kFalse = 6;
-constexpr size_t kTableSlots = 46;
+constexpr size_t kTableSlots = kHostSlotCount;
 
 struct Registration {
   std::string name;

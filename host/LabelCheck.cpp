@@ -6,6 +6,7 @@
 // hold.
 #include "LabelCheck.h"
 
+#include "HostContract.h"
 #include "Lines.h"
 #include "PageEnd.h"
 #include "Scanner.h"
@@ -14,16 +15,18 @@
 namespace qzhost {
 namespace {
 
-constexpr std::u16string_view kCommentHead = u"<!--QZVX";
-constexpr std::u16string_view kAttrName = u"qzvx";
+constexpr std::u16string_view kCommentHead = kLabelCommentLead;
+constexpr std::u16string_view kAttrName = kLabelAttrName;
 
 std::u16string Decimal(int64_t n) {
   std::string digits = std::to_string(n);
   return std::u16string(digits.begin(), digits.end());
 }
 
-std::u16string CommentLabel(size_t n) { return u"<!--QZVX " + Decimal(static_cast<int64_t>(n)) + u" -->"; }
-std::u16string AttrLabel(size_t n) { return u" qzvx=\"" + Decimal(static_cast<int64_t>(n)) + u"\" "; }
+std::u16string CommentLabel(size_t n) {
+  return kLabelCommentHead + Decimal(static_cast<int64_t>(n)) + kLabelCommentTail;
+}
+std::u16string AttrLabel(size_t n) { return kLabelAttrHead + Decimal(static_cast<int64_t>(n)) + kLabelAttrTail; }
 
 bool IsBlank(std::u16string_view text) {
   for (char16_t u : text)

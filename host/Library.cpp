@@ -11,12 +11,6 @@
 
 namespace qzhost {
 
-const char* const kScriptFunctions[15] = {
-    "initialize",  "beginPreTranslate", "endPreTranslate", "setLineEndingsToMatch", "replaceTextInsideTag",
-    "beginPostTranslate", "endPostTranslate", "cleanup", "directive", "openTagBegin",
-    "openTagEnd",  "attribute",         "closeTagBegin",   "closeTagEnd",           "text",
-};
-
 bool LoadTranslatorLibrary(const std::string& path, Engine& engine, std::string* error) {
   // The library keeps process-wide state and no host unloads it, so the
   // handle is never closed.
@@ -33,9 +27,9 @@ bool LoadTranslatorLibrary(const std::string& path, Engine& engine, std::string*
   }
   std::array<void*, kTableSlots> table = engine.Table();
   intptr_t last = entry(table.data(), static_cast<uint32_t>(sizeof table));
-  for (const char* name : kScriptFunctions) {
-    if (!engine.Find(name)) {
-      *error = "the translator library " + path + " did not register the script function " + name;
+  for (const ScriptFunctionName& f : kScriptFunctionNames) {
+    if (!engine.Find(f.name)) {
+      *error = "the translator library " + path + " did not register the script function " + f.name;
       return false;
     }
   }

@@ -13,9 +13,6 @@ namespace qzhost {
 // registration returned.
 using InitWrapperFn = intptr_t (*)(void* const* table, uint32_t sizeInBytes);
 
-// The fifteen script functions a translator script relies on.
-extern const char* const kScriptFunctions[15];
-
 // Loads the library at path (once per process; later calls reuse it) and
 // calls its entry with engine's full operation table, which registers the
 // script functions with that engine. Returns false with a message when the

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "HostContract.h"
 #include "Lines.h"
 #include "Scanner.h"
 
@@ -21,7 +22,7 @@ struct FoundLabel {
 };
 
 std::vector<FoundLabel> FindLabelComments(std::u16string_view text) {
-  static constexpr std::u16string_view kHead = u"<!--QZVX";
+  static constexpr std::u16string_view kHead = kLabelCommentLead;
   std::vector<FoundLabel> found;
   for (size_t p = text.find(kHead); p != std::u16string_view::npos; p = text.find(kHead, p + 1)) {
     size_t q = p + kHead.size();
@@ -79,7 +80,7 @@ std::string ExplainUnclosedStart(std::u16string_view labelled, const std::vector
 
 // A label attribute must stand right after its tag's name, where it was put.
 std::string ExplainMovedAttribute(std::u16string_view output) {
-  static constexpr std::u16string_view kAttr = u" qzvx=";
+  static constexpr std::u16string_view kAttr = kLabelAttrLead;
   for (size_t p = output.find(kAttr); p != std::u16string_view::npos; p = output.find(kAttr, p + 1)) {
     size_t q = p;
     while (q > 0 && !IsScanSpace(output[q - 1]) && output[q - 1] != u'<' && output[q - 1] != u'>') --q;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "HostContract.h"
 #include "LibrarySink.h"
 #include "Lines.h"
 #include "MergeDiagnosis.h"
@@ -37,7 +38,7 @@ size_t ServerCodeIn(std::u16string_view text, const Profile& profile) {
 
 std::u16string LabelComment(size_t n) {
   std::string digits = std::to_string(n);
-  return u"<!--QZVX " + std::u16string(digits.begin(), digits.end()) + u" -->";
+  return kLabelCommentHead + std::u16string(digits.begin(), digits.end()) + kLabelCommentTail;
 }
 
 }  // namespace

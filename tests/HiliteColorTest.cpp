@@ -1,7 +1,7 @@
 // Highlight colouring of pieces of label-free server output, with the tag
 // arrays filled as the post pass and the label removal would leave them.
 // Colouring under allocation failure and on hostile tag counts is tested
-// through whole merges (MergeTest).
+// through whole merges (MainTest).
 #include <algorithm>
 #include <random>
 
@@ -9,15 +9,13 @@
 #include "HiliteColor.h"
 #include "Main.h"
 #include "Memory.h"
+#include "Session.h"
+#include "Translation.h"
 
 namespace {
 
 using Tags = std::vector<std::pair<int32_t, int32_t>>;
-const std::u16string kAttr = u" qzTranslatedValue=\"hilitecolor=%22Dyn%20Up-to-Date%20Color%22\"";
-
-std::u16string Font(const std::u16string& run) {
-  return u"<font hilitecolor=\"Dyn Up-to-Date Color\">" + run + u"</font>";
-}
+const std::u16string& kAttr = kHilite;
 
 class Hilite : public LibraryTest {
  protected:
@@ -55,8 +53,6 @@ class Hilite : public LibraryTest {
   int result_ = -1;
 };
 
-// The worked example "Hello <b>world</b>!" goes through the natives in
-// MergeTest.WorkedExamplesOfColourAndAttributes.
 TEST_F(Hilite, TextRuns) {
   Record(u"ab");
   EXPECT_EQ(Colour(1, 0), u"") << "empty piece";
@@ -67,6 +63,9 @@ TEST_F(Hilite, TextRuns) {
 }
 
 TEST_F(Hilite, ElementsAndTheirMatchingCloseTags) {
+  const std::u16string hello = Font(u"Hello ") + u"<b" + kAttr + u">world</b>" + Font(u"!");
+  EXPECT_EQ(hello.size(), 178u);
+  EXPECT_EQ(ColourAll(u"Hello <b>world</b>!"), hello) << "the worked example";
   EXPECT_EQ(ColourAll(u"<P>x</p>"), u"<P" + kAttr + u">" + Font(u"x") + u"</p>") << "names compare exactly";
   EXPECT_EQ(ColourAll(u"<div><div>a</div></div>"), u"<div" + kAttr + u"><div>a</div></div>") << "same names nest";
   EXPECT_EQ(ColourAll(u"</i>a<b>c</b>"), u"</i>" + Font(u"a") + u"<b" + kAttr + u">c</b>") << "close tag first";

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "FakeHost.h"
+#include "FaultAllocator.h"
 #include "IntArray.h"
 #include "Memory.h"
 
@@ -32,17 +33,17 @@ auto Fields(const IntArray& a) { return std::tuple(a.pData, a.nSize, a.nCapacity
 }  // namespace
 
 TEST_F(IntArrayTest, GrowthSizesAndFailedGrowth) {
-  MemFailAt(1);
+  FaultFailAt(1);
   EXPECT_EQ(IntArrayCreate(&arrays[0]), 0);
   EXPECT_EQ(arrays[0].pData, nullptr) << "a failed create leaves it never created";
-  MemFailAt(0);
+  FaultFailAt(0);
   std::vector<int32_t> values(100, 7);
   IntArray* a = Fill(0, values);
   int32_t* pFirst = a->pData;
-  MemFailAt(1);
+  FaultFailAt(1);
   EXPECT_EQ(IntArrayAdd(a, 8), 0);
   EXPECT_EQ(Fields(*a), std::tuple(pFirst, 100, 100)) << "100 fit the first storage; a failed growth changes nothing";
-  MemFailAt(0);
+  FaultFailAt(0);
   for (int32_t i = 0; i < 301; ++i) ASSERT_EQ(IntArrayPush(a, 8), 1) << i;
   values.resize(401, 8);
   EXPECT_EQ(std::vector<int32_t>(a->pData, a->pData + a->nSize), values);
@@ -55,9 +56,9 @@ TEST_F(IntArrayTest, GrowthSizesAndFailedGrowth) {
   // touched, so one real element stands in for it.
   int32_t storage = 5;
   IntArray huge{&storage, 1 << 30, 1 << 30};
-  MemFailAt(0);
+  FaultFailAt(0);
   EXPECT_EQ(IntArrayAdd(&huge, 1), 0);
-  EXPECT_EQ(MemAttempts(), 0) << "refused before allocating";
+  EXPECT_EQ(FaultAttempts(), 0) << "refused before allocating";
   EXPECT_EQ(Fields(huge), std::tuple(&storage, 1 << 30, 1 << 30));
 }
 

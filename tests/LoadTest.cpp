@@ -27,6 +27,10 @@ class LoadedLibrary : public ::testing::Test {
   InitWrapperFn init_ = nullptr;
 };
 
+// The names and arities a translator script relies on, written out here on
+// purpose rather than taken from HostContract.h: the library and the
+// stand-in host both read that header, so only this copy would notice it
+// drifting from what hosts expect.
 const std::vector<std::pair<std::string, int>> kRegistrations = {
     {"initialize", 0},    {"beginPreTranslate", 2}, {"endPreTranslate", 1}, {"setLineEndingsToMatch", 2},
     {"replaceTextInsideTag", 4}, {"beginPostTranslate", 0}, {"endPostTranslate", 2}, {"cleanup", 0},

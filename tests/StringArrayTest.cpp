@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "FakeHost.h"
+#include "FaultAllocator.h"
 #include "Memory.h"
 #include "StringArray.h"
 
@@ -63,10 +64,10 @@ TEST_F(StringArrayTest, PopHandsOverAndPopNReleasesTheRest) {
 }
 
 TEST_F(StringArrayTest, GrowthAndFailedAllocations) {
-  MemFailAt(1);
+  FaultFailAt(1);
   EXPECT_EQ(StringArrayCreate(&array), 0);
   EXPECT_EQ(array.pData, nullptr);
-  MemFailAt(0);
+  FaultFailAt(0);
   char16_t** pFirst = Fill({u"one", u"two"})->pData;
   Fill({});  // releases the strings in use (leak check), keeps the storage
   EXPECT_EQ(array.pData, pFirst);
@@ -74,9 +75,9 @@ TEST_F(StringArrayTest, GrowthAndFailedAllocations) {
   // The 101st string needs a larger storage and a copy: fail each in turn.
   long failAt = 1;
   for (; failAt < 10; ++failAt) {
-    MemFailAt(failAt);
+    FaultFailAt(failAt);
     int ok = StringArrayAdd(&array, u"new");
-    MemFailAt(0);
+    FaultFailAt(0);
     if (ok) break;
     EXPECT_EQ(array.nSize, 100) << "fail at " << failAt;
     EXPECT_EQ(std::u16string(array.pData[99]), u"s");
@@ -87,9 +88,9 @@ TEST_F(StringArrayTest, GrowthAndFailedAllocations) {
 
   char16_t* storage[1] = {nullptr};  // 2^30 strings claimed: doubling passes INT32_MAX
   StringArray huge{storage, 1 << 30, 1 << 30};
-  MemFailAt(0);
+  FaultFailAt(0);
   EXPECT_EQ(StringArrayAdd(&huge, u"x"), 0);
-  EXPECT_EQ(MemAttempts(), 0) << "refused before allocating";
+  EXPECT_EQ(FaultAttempts(), 0) << "refused before allocating";
   EXPECT_EQ(huge.pData, storage);
   EXPECT_EQ(huge.nSize, 1 << 30);
 }

@@ -6,6 +6,7 @@
 #include <tuple>
 
 #include "FakeHost.h"
+#include "FaultAllocator.h"
 #include "Memory.h"
 #include "StringBuffer.h"
 
@@ -40,24 +41,30 @@ TEST_F(StringBufferTest, GrowthSizesAndAppendsFromItself) {
 }
 
 TEST_F(StringBufferTest, FailedGrowthLeavesTheBufferAsItWas) {
-  MemFailAt(1);
+  FaultFailAt(1);
   EXPECT_EQ(StringBufferCreate(&buffer), 0);
   EXPECT_EQ(buffer.pData, nullptr);
-  MemFailAt(0);
+  FaultFailAt(0);
   ASSERT_EQ(StringBufferCreate(&buffer), 1);
   std::u16string text(8000, u'x');
   ASSERT_EQ(StringBufferAdd(&buffer, text.data(), 8000), 1);
   auto before = Fields(buffer);
-  MemFailAt(1);
+  FaultFailAt(1);
   EXPECT_EQ(StringBufferAdd(&buffer, text.data(), 500), 0);
   EXPECT_EQ(Fields(buffer), before);
 
   // 2 x capacity would pass INT32_MAX; the storage is never touched.
   char16_t storage[1] = {0};
   StringBuffer huge{storage, 0x50000000 - 1, 0x50000000};
-  MemFailAt(0);
+  FaultFailAt(0);
   EXPECT_EQ(StringBufferAdd(&huge, u"x", 1), 0);
-  EXPECT_EQ(MemAttempts(), 0) << "refused before allocating";
+  EXPECT_EQ(FaultAttempts(), 0) << "refused before allocating";
+  EXPECT_EQ(Fields(huge), std::tuple(storage, 0x50000000 - 1, 0x50000000));
+
+  // Counts from 64-bit arithmetic or measured texts are refused, not wrapped
+  // or asserted on.
+  for (int64_t nUnits : {int64_t{-1}, int64_t{INT32_MAX} + 1, int64_t{1} << 32})
+    EXPECT_EQ(StringBufferAddUnits(&huge, u"x", nUnits), 0) << nUnits;
   EXPECT_EQ(Fields(huge), std::tuple(storage, 0x50000000 - 1, 0x50000000));
 }
 

@@ -10,6 +10,7 @@
 #include <tuple>
 
 #include "FakeHost.h"
+#include "FaultAllocator.h"
 #include "Memory.h"
 #include "Utility.h"
 
@@ -77,7 +78,7 @@ TEST_F(UtilityTest, EncodeURL) {
             u"%00%01%02%03%04%05%06%07%08%09%0A%0B%0C%0A%0E%0F%10%11%12%13%14%15%16%17%18%19%1A%1B%1C%1D%1E%1F"
             u"%20!%22%23$%25%26'()*+,-./0123456789:;%3C=%3E?@ABCDEFGHIJKLMNOPQRSTUVWXYZ%5B%5C%5D%5E_%60"
             u"abcdefghijklmnopqrstuvwxyz%7B%7C%7D%7E%7F");
-  MemFailAt(1);
+  FaultFailAt(1);
   EXPECT_EQ(EncodeURL(u"abc", 3), nullptr);
 }
 
@@ -85,13 +86,13 @@ TEST_F(UtilityTest, SwprintfTakesPercentSAsText) {
   char16_t buffer[64];
   EXPECT_EQ(_swprintf(buffer, 64, u"<qz:lock open=\"%s\">%ls|%d|50%%s", u"a%20b", u"two", 3), 33);
   EXPECT_EQ(std::u16string(buffer), u"<qz:lock open=\"a%20b\">two|3|50%ls") << "also the s after a doubled %";
-  MemFailAt(1);
+  FaultFailAt(1);
   _swprintf(buffer, 64, u"<%d%%>", 5);
   EXPECT_EQ(std::u16string(buffer), u"<5%>") << "a format without %s is used as it is, with no copy";
-  MemFailAt(1);
+  FaultFailAt(1);
   EXPECT_EQ(_swprintf(buffer, 64, u"x%sy", u"z"), -1) << "no memory for the copy: an empty text";
   EXPECT_EQ(buffer[0], 0);
-  MemFailAt(0);
+  FaultFailAt(0);
   buffer[4] = 0x7777;
   EXPECT_EQ(_swprintf(buffer, 4, u"%s", u"abcdef"), -1);
   EXPECT_EQ(std::u16string(buffer), u"abc") << "bounded like the library's formatter";
@@ -148,9 +149,9 @@ TEST_F(UtilityTest, FindHashPairOnDeepNestingAndLongRuns) {
   std::u16string deep = NestedPairs(5000, [](int k) { return 1 + k % 2; });
   long failAt = 1;
   for (; failAt < 100; ++failAt) {
-    MemFailAt(failAt);
+    FaultFailAt(failAt);
     Pair got = Find(deep);
-    MemFailAt(0);
+    FaultFailAt(0);
     if (got == Pair(1, 0, static_cast<int64_t>(deep.size()) - 1)) break;
     ASSERT_EQ(got, Pair(0, 0, -1)) << "fail at " << failAt;
   }
@@ -171,7 +172,7 @@ TEST_F(UtilityTest, LineEndingsFollowTheModel) {
     MemFree(const_cast<char16_t*>(result));
   }
   // Nothing to change: the text itself comes back and nothing is allocated.
-  MemFailAt(1);
+  FaultFailAt(1);
   const char16_t *kText = u"x\ny", *kPlain = u"plain";
   EXPECT_EQ(StringSetLineEndingsToMatch(u"no ending", kText), kText);
   EXPECT_EQ(StringSetLineEndingsToMatch(u"a\r\n", kPlain), kPlain) << "no ending in the text";

@@ -1,8 +1,11 @@
 #include "FakeHost.h"
 
+#include "FaultAllocator.h"
+#include "HiliteColor.h"
 #include "Main.h"
 #include "Memory.h"
 #include "Pre.h"
+#include "Session.h"
 
 FakeHost::FakeHost() : table(engine.Table()) { Install(); }
 
@@ -40,19 +43,20 @@ void ReleaseLibraryState() {
                           &gAttrValuesForServerTags, &gOpenTags};
   for (StringArray* l : lists) StringArrayDestroy(l);
   PreCleanup();
+  HiliteColorEnd();
   MemFree(gEncodedAttrs.pData);
   gEncodedAttrs = StringBuffer{};
   gbPreTranslate = 0;
 }
 
 void LibraryTest::SetUp() {
-  MemFailAt(0);
+  FaultFailAt(0);
   ReleaseLibraryState();
-  ASSERT_EQ(MemOutstanding(), 0) << "an earlier test leaked";
+  ASSERT_EQ(FaultOutstanding(), 0) << "an earlier test leaked";
 }
 
 void LibraryTest::TearDown() {
-  MemFailAt(0);
+  FaultFailAt(0);
   ReleaseLibraryState();
-  EXPECT_EQ(MemOutstanding(), 0) << "allocations left outstanding";
+  EXPECT_EQ(FaultOutstanding(), 0) << "allocations left outstanding";
 }

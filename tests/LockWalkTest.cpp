@@ -1,0 +1,79 @@
+// The lock stage: pieces of server output between two labels become locks,
+// the page's own tag, or stay as they came, through whole translations.
+#include "FakeHost.h"
+#include "Session.h"
+#include "Translation.h"
+
+namespace {
+
+using LockWalkTest = TranslationTest;
+
+TEST_F(LockWalkTest, LockInsertion) {
+  // Blank output of a server open tag: the page's tag with the
+  // translated-value attribute, white space dropped; a no-break space is
+  // output.
+  const std::u16string label = u"<asp:Label id=\"l\" runat=\"server\"/>";
+  for (const char16_t* blank : {u"", u" \r\n\t"})
+    EXPECT_EQ(Translate(label, {{label, blank}}), u"<asp:Label" + kHilite + u" id=\"l\" runat=\"server\"/>");
+  EXPECT_EQ(Translate(label, {{label, u"\u00a0"}}), Lock(label, Font(u"\u00a0"), false));
+  // A blank close tag is copied; open and close tags with output are locked
+  // without <qz:invisible>.
+  const std::u16string open = u"<asp:Panel runat=\"server\">", close = u"</asp:Panel>";
+  EXPECT_EQ(Translate(open + u"in" + close, {{open, u""}, {close, u""}}),
+            u"<asp:Panel" + kHilite + u" runat=\"server\">in</asp:Panel>");
+  EXPECT_EQ(Translate(open + u"in" + close, {{open, u"<div>"}, {close, u"</div>"}}),
+            Lock(open, u"<div" + kHilite + u">", false) + u"in" + Lock(close, u"</div>", false));
+  // The output of grids, lists and forms stays uncoloured.
+  const std::u16string grid = u"<asp:DataGrid runat=\"server\"/>", table = u"<table><tr><td>1</td></tr></table>";
+  EXPECT_EQ(Translate(grid, {{grid, table}}), Lock(grid, table, false));
+  EXPECT_EQ(Translate(u"<FORM action=\"a\">x</FORM>", {{u"<FORM action=\"a\">", u"<form action=\"b\">"}}),
+            Lock(u"<FORM action=\"a\">", u"<form action=\"b\">", false) + u"x</FORM>");
+}
+
+TEST_F(LockWalkTest, LockEmptyPrefixedTags) {
+  const std::u16string label = u"<asp:label runat=\"server\"/>", insert = u"<QZ:Insert/>", spaced = u"<QZ:Insert />";
+  const Pairs blank = {{label, u""}, {insert, u""}, {spaced, u""}};
+  // The flag true, false and absent. The slash belongs to the name, so
+  // "QZ:Insert/" is not one of the qz: tags that keep their tag form.
+  for (int flag : {1, 0, -1}) {
+    lockEmpty_ = flag;
+    const bool bLock = flag == 1;
+    EXPECT_EQ(Translate(label, blank), bLock ? Lock(label, u"", false) : u"<asp:label" + kHilite + label.substr(10));
+    EXPECT_EQ(Translate(insert, blank), bLock ? Lock(insert, u"", false) : u"<QZ:Insert/" + kHilite + u">");
+    EXPECT_EQ(Translate(spaced, blank), u"<QZ:Insert" + kHilite + u" />") << flag;
+  }
+}
+
+TEST_F(LockWalkTest, LostAndRepeatedLabels) {
+  const std::u16string page = u"<%a%>x<%b%>y<%c%>z", two = u"<%a%>x<%b%>";
+  // Labels 3 and 4 lost: the steps 2-3, 3-4 and 4-5 are locked in turn.
+  EXPECT_EQ(Translate(page, Answer(u"<!--QZVX 0 -->A<!--QZVX 1 -->x<!--QZVX 2 --><!--QZVX 5 -->z")),
+            Lock(u"<%a%>", Font(u"A")) + u"x" + Lock(u"<%b%>", u"") + Lock(u"y", u"", false) + Lock(u"<%c%>", u"") +
+                u"z");
+  // An end label whose start was lost is passed over.
+  EXPECT_EQ(Translate(page, Answer(u"<!--QZVX 1 -->x<!--QZVX 2 -->B<!--QZVX 3 -->y<!--QZVX 4 -->C<!--QZVX 5 -->z")),
+            u"x" + Lock(u"<%b%>", Font(u"B")) + u"y" + Lock(u"<%c%>", Font(u"C")) + u"z");
+  // A repeated start label ends the piece, which locks an empty code.
+  EXPECT_EQ(Translate(two, Answer(u"<!--QZVX 0 -->A<!--QZVX 1 -->x<!--QZVX 2 -->P<!--QZVX 2 -->Q<!--QZVX 3 -->")),
+            Lock(u"<%a%>", Font(u"A")) + u"x<qz:lock code=\"\">" + Font(u"P") + kLockEnd + Lock(u"<%b%>", Font(u"Q")));
+  EXPECT_EQ(Translate(two, Answer(u"<!--QZVX 0 -->A")), kFailed) << "a start label without a closing label";
+}
+
+TEST_F(LockWalkTest, LabelledTagsAroundPieces) {
+  // After a piece a labelled tag moves with the lock's growth; inside one
+  // it is marked -1 and keeps the server's text; without label comments
+  // the offsets keep their values.
+  const std::u16string lock = Lock(u"<%= a %>", Font(u"Bob"));
+  EXPECT_EQ(Translate(u"<%= a %><img src=\"q\">", Answer(u"<!--QZVX 0 -->Bob<!--QZVX 1 -->"
+                                                  u"<img qzvx=\"0\"  src=\"r\">")),
+            lock + u"<img src=\"q\"" + TagAttr(u"src=r ") + u">");
+  EXPECT_EQ(Items(gAttrFromServerOffsetArray), (Ints{static_cast<int32_t>(lock.size() + 4)}));
+  EXPECT_EQ(Translate(u"<x:a><img src=\"q\"></x:a>", Answer(u"<!--QZVX 0 --><div><img qzvx=\"0\"  src=\"s\"></div>"
+                                                           u"<!--QZVX 1 --><!--QZVX 2 --></x:a><!--QZVX 3 -->")),
+            Lock(u"<x:a>", u"<div" + kHilite + u"><img src=\"s\"></div>", false) + u"</x:a>");
+  EXPECT_EQ(Items(gAttrFromServerOffsetArray), (Ints{-1}));
+  EXPECT_EQ(Translate(u"<img src=\"a\"> hi", Answer(u"<img qzvx=\"0\"  src=\"a\"> ho")), u"<img src=\"a\"> ho");
+  EXPECT_EQ(Items(gAttrFromServerOffsetArray), (Ints{4}));
+}
+
+}  // namespace

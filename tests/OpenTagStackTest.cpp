@@ -1,0 +1,109 @@
+// The open-tag stack: its four arrays in step, and the close-tag lookup
+// through its index, which must answer as a walk down the stack would, also
+// while memory runs out under it and on pages of tens of thousands of tags.
+#include <algorithm>
+#include <chrono>
+#include <random>
+
+#include "FakeHost.h"
+#include "FaultAllocator.h"
+#include "OpenTagStack.h"
+#include "Session.h"
+
+namespace {
+
+using Texts = std::vector<std::u16string>;
+
+class OpenTagStackTest : public LibraryTest {
+ protected:
+  void SetUp() override {
+    LibraryTest::SetUp();
+    Make();
+  }
+  // An empty stack with a new index, as a pre pass begins.
+  void Make() {
+    ASSERT_TRUE(StringArrayCreate(&gOpenTags) && IntArrayCreate(&gOpenTagOffsets) &&
+                IntArrayCreate(&gOpenTagIsServerTag) && IntArrayCreate(&gOpenTagIsNonHtmlServerTag));
+    OpenTagStackStart();
+  }
+  bool InStep() {
+    const int32_t n = gOpenTags.nSize;
+    return gOpenTagOffsets.nSize == n && gOpenTagIsServerTag.nSize == n && gOpenTagIsNonHtmlServerTag.nSize == n;
+  }
+};
+
+TEST_F(OpenTagStackTest, FindsTheInnermostEntryOfANameIgnoringCase) {
+  // A few names that differ only in case or lie above 128, and enough
+  // others that the index's table has to resolve collisions.
+  Texts names = {u"a", u"A", u"b", u"x:a", u"X:A", u"td", u"TD", u"", u"\u00c9", u"\u00e9"};
+  for (char16_t k = 0; k < 600; ++k) names.push_back({k % 2 ? u't' : u'T', static_cast<char16_t>(u'0' + k / 2)});
+  std::mt19937 random(7);
+  // Allocations 2 and 3 are the index's first ones: it is never built.
+  for (long failAt : {0L, 2L, 3L, 40L, 400L}) {
+    Make();
+    FaultFailAt(failAt);
+    for (int32_t step = 0; step < 20000; ++step) {
+      std::u16string name = names[random() % 10 == 0 ? random() % 10 : random() % names.size()];
+      if (random() % 4 != 0) {
+        OpenTagStackPush(name.c_str(), step, 0);
+        if (random() % 8 == 0) OpenTagStackPop(1);
+        continue;
+      }
+      // Mostly one of the top two entries, in either letter case; else a
+      // name never pushed, or now and then one of the small set (deep).
+      unsigned choice = random() % 8;
+      if (choice < 6 && gOpenTags.nSize > 0) {
+        name = gOpenTags.pData[gOpenTags.nSize - 1 - random() % std::min(gOpenTags.nSize, 2)];
+        if (random() % 2)
+          for (char16_t& c : name) c = c >= u'a' && c <= u'z' ? c - 32 : c;
+      } else {
+        name = choice == 7 ? names[random() % 10] : u"u" + name;
+      }
+      const int32_t iExpected = StringArrayFindLastExact(&gOpenTags, name.c_str());
+      ASSERT_EQ(OpenTagStackFind(name.c_str()), iExpected) << "step " << step << " fail at " << failAt;
+      OpenTagStackPop(iExpected >= 0 ? gOpenTags.nSize - iExpected : 0);
+      ASSERT_TRUE(InStep());
+    }
+    FaultFailAt(0);
+  }
+}
+
+// The four arrays take an entry together or not at all. The 101st push
+// grows all four, and each of its allocations is failed in turn.
+TEST_F(OpenTagStackTest, APushThatFailsLeavesTheArraysInStep) {
+  for (long failAt = 1;; ++failAt) {
+    SCOPED_TRACE(failAt);
+    Make();
+    for (int32_t i = 0; i < 100; ++i) OpenTagStackPush(i % 2 ? u"p" : u"div", i, 0);
+    FaultFailAt(failAt);
+    const bool bPushed = OpenTagStackPush(u"x:a", 500, 1);
+    const bool bFailed = FaultAttempts() >= failAt;
+    FaultFailAt(0);
+    EXPECT_EQ(bPushed, !bFailed);
+    EXPECT_EQ(gOpenTags.nSize, bFailed ? 100 : 101);
+    EXPECT_TRUE(InStep());
+    EXPECT_EQ(OpenTagStackFind(u"DIV"), 98);
+    EXPECT_EQ(OpenTagStackFind(u"X:a"), bFailed ? -1 : 100);
+    if (!bFailed) break;
+  }
+}
+
+// Regression: a close tag walked the stack, so a page of tens of thousands
+// of tags that are never closed, and as many stray close tags, was
+// quadratic.
+TEST_F(OpenTagStackTest, TensOfThousandsOfUnclosedTagsStayFast) {
+  const int32_t n = 100000;
+  auto start = std::chrono::steady_clock::now();
+  for (int32_t i = 0; i < n; ++i) OpenTagStackPush(u"br", i, 0);
+  for (int32_t i = 0; i < n; ++i) ASSERT_EQ(OpenTagStackFind(u"p"), -1);
+  // Closing deep inside, over and over: each entry is popped once.
+  for (int32_t i = 0; i < 50000; ++i) {
+    OpenTagStackPush(u"x:a", i, 1);
+    for (int k = 0; k < 3; ++k) OpenTagStackPush(u"i", i, 0);
+    OpenTagStackPop(gOpenTags.nSize - OpenTagStackFind(u"X:A"));
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  EXPECT_EQ(gOpenTags.nSize, n);
+}
+
+}  // namespace

@@ -1,0 +1,39 @@
+#include "NativeScan.h"
+
+#include <vector>
+
+#include "Scanner.h"
+
+namespace {
+
+class NativeSink : public qzhost::ScanSink {
+ public:
+  NativeSink(FakeHost& host, int32_t base) : host_(host), base_(base) {}
+  bool Directive(std::u16string_view t, int32_t at) override { return Go("directive", {S(t), At(at)}); }
+  bool OpenTagBegin(std::u16string_view n, int32_t at) override { return Go("openTagBegin", {S(n), At(at)}); }
+  bool Attribute(std::u16string_view n, std::u16string_view v) override { return Go("attribute", {S(n), S(v)}); }
+  bool OpenTagEnd(int32_t end, std::u16string_view c) override { return Go("openTagEnd", {At(end), S(c)}); }
+  bool CloseTagBegin(std::u16string_view n, int32_t at) override { return Go("closeTagBegin", {S(n), At(at)}); }
+  bool CloseTagEnd(int32_t end) override { return Go("closeTagEnd", {At(end)}); }
+  bool Text(std::u16string_view t, int32_t at) override { return Go("text", {S(t), At(at)}); }
+
+ private:
+  Value S(std::u16string_view text) { return host_.Str(std::u16string(text)); }
+  Value At(int32_t offset) { return host_.Int(int64_t{offset} + base_); }
+  bool Go(const char* name, std::vector<Value> args) {
+    qzhost::Engine::Mark mark = host_.engine.Save();
+    host_.Call(name, std::move(args));
+    host_.engine.Release(mark);
+    return true;
+  }
+  FakeHost& host_;
+  int32_t base_;
+};
+
+}  // namespace
+
+
+void ScanThroughNatives(FakeHost& host, std::u16string_view page, int32_t base) {
+  NativeSink sink(host, base);
+  qzhost::ScanPage(page, sink);
+}

@@ -1,0 +1,17 @@
+// One adapter from the stand-in host's scanner to the library's scanner
+// callbacks, for tests that scan whole pages as a host does.
+#ifndef QZ_TESTS_NATIVE_SCAN_H
+#define QZ_TESTS_NATIVE_SCAN_H
+
+#include <cstdint>
+#include <string_view>
+
+#include "FakeHost.h"
+
+// Scans page and hands every item to the natives named after it, as the
+// host's translator does; offsets are moved by base. The script values made
+// for one call are dropped after it, so pages of millions of items need no
+// more memory than one call. Results of the calls are not looked at.
+void ScanThroughNatives(FakeHost& host, std::u16string_view page, int32_t base = 0);
+
+#endif
