@@ -88,7 +88,7 @@ fuzz_one() {
   echo "fuzz: $target for $minutes minutes; log $log" >&2
   local status=0
   nice -n 19 "$BUILD_DIR/fuzz/$target" "$run/corpus" "$ROOT/fuzz/corpus/$target" \
-    -max_total_time=$((minutes * 60)) -timeout=10 -print_final_stats=1 \
+    -max_total_time=$((minutes * 60)) -timeout=10 -print_final_stats=1 -dict="$ROOT/fuzz/markup.dict" \
     -artifact_prefix="$run/" "$@" >"$log" 2>&1 || status=$?
   # The last status line: total executions, coverage (cov: edges, ft:
   # features), corpus and speed; then the rate over the whole run.
