@@ -7,7 +7,8 @@
 // endings.
 //
 // replaceTextInsideTag(text, name, search, replacement) leaves a text alone
-// where the search text (case folded) or the element never occurs; each
+// where the search text (case folded) or the element never occurs, and the
+// text before the first element always; each
 // replacement changes the length by the same amount; replacing a text by
 // itself changes at most letter case.
 //
@@ -100,9 +101,12 @@ void ReplaceInsideTag(FuzzHost& host, std::u16string_view text, std::u16string_v
   Check(cut.ok && host.engine.ToText(cut.result) == result, "replaceTextInsideTag reads its texts up to their first U+0000");
 
   const std::u16string foldedText = Folded(text);
-  const bool bElement = foldedText.find(u"<" + Folded(name)) != std::u16string::npos;
+  const size_t firstElement = foldedText.find(u"<" + Folded(name));
   const bool bFound = !search.empty() && foldedText.find(Folded(search)) != std::u16string::npos;
-  if (!bElement || !bFound) Check(result == text, "replaceTextInsideTag leaves a text without a match alone");
+  if (firstElement == std::u16string::npos || !bFound)
+    Check(result == text, "replaceTextInsideTag leaves a text without a match alone");
+  else
+    Check(result.starts_with(text.substr(0, firstElement)), "replaceTextInsideTag leaves the text before the first element alone");
   const long long delta = static_cast<long long>(result.size()) - static_cast<long long>(text.size());
   const long long step = static_cast<long long>(replacement.size()) - static_cast<long long>(search.size());
   Check(step == 0 ? delta == 0 : delta % step == 0 && delta / step >= 0,
