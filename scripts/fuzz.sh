@@ -23,7 +23,7 @@ BUILD_DIR="${FUZZ_BUILD_DIR:-$ROOT/build-fuzz}"
 JOBS="${JOBS:-2}"
 
 usage() {
-  sed -n '5,9p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
+  sed -n '5,10p' "${BASH_SOURCE[0]}" | sed 's/^# \{0,1\}//' >&2
   exit 2
 }
 
@@ -124,6 +124,7 @@ case "$1" in
   all)
     [ $# -ge 2 ] || usage
     minutes="$2"
+    [[ "$minutes" =~ ^[1-9][0-9]*$ ]] || usage
     shift 2
     mapfile -t all < <(targets)
     build "${all[@]}"
@@ -136,6 +137,7 @@ case "$1" in
     known "$1"
     target="$1"
     minutes="$2"
+    [[ "$minutes" =~ ^[1-9][0-9]*$ ]] || usage
     shift 2
     build "$target"
     fuzz_one "$target" "$minutes" "$@"
