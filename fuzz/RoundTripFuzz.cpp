@@ -24,9 +24,9 @@ bool IsBlank(std::u16string_view text) {
 //
 // A merge rebuilds a tag although the server left it alone when it is an
 // open tag with attributes (so it gets a label attribute) whose closing text
-// is neither white space nor white space and then a "/": putting the page's
-// attribute text back extends it over no other closing text ("/", " /\n",
-// "x/").
+// is neither white space alone nor white space followed by a "/": putting
+// the page's attribute text back extends it over no other closing text
+// ("/", " /\n", "x/").
 //
 // A construct that the end of the page cuts off runs to the end: a
 // directive, or the text run that a tag without its ">" becomes. When labels
