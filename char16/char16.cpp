@@ -41,11 +41,11 @@ constexpr uint16_t ClassOf(unsigned u) {
 
 // What the extension relies on, checked where the tables are made.
 constexpr uint16_t kEscapedByUrls = kChar16Control | kChar16Punct | kChar16Space;
-static_assert(ClassOf(' ') & kChar16Space && ClassOf('\r') & kChar16Space);
+static_assert((ClassOf(' ') & kChar16Space) != 0 && (ClassOf('\r') & kChar16Space) != 0);
 static_assert((ClassOf('A') & kEscapedByUrls) == 0 && (ClassOf('z') & kEscapedByUrls) == 0);
 static_assert((ClassOf('0') & kEscapedByUrls) == 0 && (ClassOf(0xE9) & kEscapedByUrls) == 0);
-static_assert(ClassOf('"') & kChar16Punct && ClassOf('~') & kChar16Punct);
-static_assert(ClassOf(0) & kChar16Control && ClassOf(127) & kChar16Control);
+static_assert((ClassOf('"') & kChar16Punct) != 0 && (ClassOf('~') & kChar16Punct) != 0);
+static_assert((ClassOf(0) & kChar16Control) != 0 && (ClassOf(127) & kChar16Control) != 0);
 static_assert(LowerOf('Q') == u'q' && LowerOf(0xC9) == 0xC9);
 
 }  // namespace
