@@ -1,5 +1,5 @@
-// Conversions between the UTF-8 of files and pipes and the UTF-16 that the
-// library works in.
+// UTF-8 in and out: the conversions of Encoding.h for the encoding that
+// messages, tests and the preview use.
 #ifndef QZHOST_UTF8_H
 #define QZHOST_UTF8_H
 
