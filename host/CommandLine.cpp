@@ -9,13 +9,17 @@ namespace qzhost {
 const char kUsage[] =
     "usage: qztranslate [--profile NAME] [--server CMD | --server-output FILE]\n"
     "                   [--labelled FILE] [--preview FILE] [-o OUT] [--timeout SECONDS]\n"
-    "                   [--strict] [--library PATH] PAGE\n"
+    "                   [--encoding NAME] [--server-encoding NAME] [--strict]\n"
+    "                   [--library PATH] PAGE\n"
     "       qztranslate --help | --version\n"
     "\n"
-    "Translates the server page PAGE (UTF-8; - for standard input, which needs\n"
-    "--profile) and writes the merged page, UTF-8, to OUT or standard output.\n"
+    "Translates the server page PAGE (- for standard input, which needs --profile)\n"
+    "and writes the merged page, in PAGE's encoding, to OUT or standard output.\n"
     "\n"
     "  --profile NAME        php, erb or asp; guessed from PAGE's extension when absent\n"
+    "  --encoding NAME       PAGE's encoding; without it: its byte order mark, what it\n"
+    "                        declares, UTF-8 when valid, else a guess (with a warning)\n"
+    "  --server-encoding NAME  the encoding of the server's output (default: PAGE's)\n"
     "  --server CMD          run CMD (through /bin/sh, in PAGE's folder) with the labelled\n"
     "                        page on its standard input; its standard output is merged\n"
     "  --server-output FILE  merge FILE (- for standard input), the output of the\n"
@@ -59,6 +63,8 @@ std::string* ValueOf(const std::string& name, Options* o) {
   if (name == "--preview") return &o->preview;
   if (name == "-o" || name == "--output") return &o->output;
   if (name == "--library") return &o->library;
+  if (name == "--encoding") return &o->encoding;
+  if (name == "--server-encoding") return &o->serverEncoding;
   return nullptr;
 }
 
@@ -66,8 +72,13 @@ std::string* ValueOf(const std::string& name, Options* o) {
 struct ParseState {
   std::set<std::string> seen;  // options given, -o counted as --output
   std::string timeout;
-  bool pageSeen = false;
 };
+
+// Options without a value, and where they are kept.
+bool* FlagOf(const std::string& name, Options* o) {
+  if (name == "--strict") return &o->strict;
+  return nullptr;
+}
 
 // Takes the option name (with its value inline, or from argv[*i + 1]).
 // Returns false with a message for a mistake.
@@ -77,8 +88,8 @@ bool TakeOption(const std::string& name, const std::string* inlineValue, int arg
     *error = name + " is given twice";
     return false;
   }
-  if (name == "--strict") {
-    o->strict = true;
+  if (bool* flag = FlagOf(name, o)) {
+    *flag = true;
     if (inlineValue) *error = name + " takes no value";
     return !inlineValue;
   }
@@ -96,20 +107,10 @@ bool TakeOption(const std::string& name, const std::string* inlineValue, int arg
   return true;
 }
 
-// Takes a page name; only one is allowed.
-bool TakePage(const std::string& page, Options* o, ParseState* state, std::string* error) {
-  if (state->pageSeen) {
-    *error = "only one page can be translated at a time";
-    return false;
-  }
-  o->page = page;
-  state->pageSeen = true;
-  return true;
-}
-
 // What the options say together.
-bool CheckTogether(const Options& o, const ParseState& state, std::string* error) {
-  if (!state.pageSeen) *error = "no page given";
+bool CheckTogether(const Options& o, std::string* error) {
+  if (o.pages.empty()) *error = "no page given";
+  else if (o.pages.size() > 1) *error = "only one page can be translated at a time";
   else if (o.hasServer && !o.serverOutput.empty()) *error = "give --server or --server-output, not both";
   else if (o.page == "-" && o.serverOutput == "-")
     *error = "the page and the server output cannot both come from standard input";
@@ -131,16 +132,16 @@ bool ParseCommandLine(int argc, char** argv, Options* o, std::string* error) {
       return true;
     }
     bool ok = true;
-    if (name == "--strict" || name == "--timeout" || ValueOf(name, o)) {
+    if (FlagOf(name, o) || name == "--timeout" || ValueOf(name, o)) {
       ok = TakeOption(name, equals == std::string::npos ? nullptr : &inlineValue, argc, argv, &i, o, &state, error);
     } else if (arg == "--") {
       // Whatever follows is the page, even when it begins with "-".
-      for (++i; ok && i < argc; ++i) ok = TakePage(argv[i], o, &state, error);
+      for (++i; i < argc; ++i) o->pages.push_back(argv[i]);
     } else if (arg.size() > 1 && arg[0] == '-') {
       *error = "unknown option " + arg;
       ok = false;
     } else {
-      ok = TakePage(arg, o, &state, error);
+      o->pages.push_back(arg);
     }
     if (!ok) return false;
   }
@@ -148,7 +149,8 @@ bool ParseCommandLine(int argc, char** argv, Options* o, std::string* error) {
     *error = "--timeout needs a number of seconds, 0 or more, not " + state.timeout;
     return false;
   }
-  return CheckTogether(*o, state, error);
+  if (!o->pages.empty()) o->page = o->pages.front();
+  return CheckTogether(*o, error);
 }
 
 }  // namespace qzhost

@@ -3,6 +3,7 @@
 #define QZHOST_COMMANDLINE_H
 
 #include <string>
+#include <vector>
 
 namespace qzhost {
 
@@ -15,7 +16,10 @@ struct Options {
   std::string preview;       // "-": standard output
   std::string output;        // "-" or empty: standard output
   std::string library;
+  std::string encoding;        // the page's; empty: found from the page
+  std::string serverEncoding;  // the server output's; empty: the page's
   std::string page;          // "-": standard input
+  std::vector<std::string> pages;  // every page given
   double timeoutSeconds = 60;  // 0: no limit
   bool strict = false;
   bool help = false;

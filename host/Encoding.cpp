@@ -136,6 +136,7 @@ DecodeError DecodeText(std::string_view bytes, const std::string& encoding, std:
 
 std::string EncodeText(std::u16string_view text, const std::string& encoding, std::vector<size_t>* referenced) {
   Converter converter(encoding);
+  if (referenced) referenced->clear();
   ReferenceLog log = {text.data(), text.data() + text.size(), referenced};
   UErrorCode status = U_ZERO_ERROR;
   ucnv_setFromUCallBack(converter.get(), WriteReference, &log, nullptr, nullptr, &status);

@@ -41,8 +41,8 @@ std::string CanonicalEncoding(const std::string& name);
 DecodeError DecodeText(std::string_view bytes, const std::string& encoding, std::u16string* out, DecodeStop* stop);
 
 // Encodes text in the encoding. A character the encoding cannot hold is
-// written as a decimal character reference ("&#937;"), and its index in
-// text (of its first unit) is added to *referenced when that is given; a
+// written as a decimal character reference ("&#937;"); *referenced, when
+// given, then holds the index in text of each one's first unit. A
 // surrogate without its partner is taken as U+FFFD. The encoding must be one
 // ICU knows.
 std::string EncodeText(std::u16string_view text, const std::string& encoding, std::vector<size_t>* referenced = nullptr);

@@ -16,11 +16,4 @@ Utf8Error DecodeUtf8(std::string_view bytes, std::u16string* out, size_t* errorO
 
 std::string EncodeUtf8(std::u16string_view text) { return EncodeText(text, "UTF-8"); }
 
-size_t LineOfByte(std::string_view bytes, size_t offset) {
-  size_t line = 1;
-  for (size_t i = 0; i < offset && i < bytes.size(); ++i)
-    if (bytes[i] == '\n') ++line;
-  return line;
-}
-
 }  // namespace qzhost

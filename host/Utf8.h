@@ -26,9 +26,6 @@ Utf8Error DecodeUtf8(std::string_view bytes, std::u16string* out, size_t* errorO
 // partner, which no decoded page can hold, becomes U+FFFD.
 std::string EncodeUtf8(std::u16string_view text);
 
-// Line (from 1) of the byte at offset, for messages.
-size_t LineOfByte(std::string_view bytes, size_t offset);
-
 }  // namespace qzhost
 
 #endif
