@@ -1,10 +1,13 @@
 // Throughput of the host's conversions between page bytes and UTF-16 on a
 // 10 MB page: mostly ASCII markup with some accented and CJK text, as real
-// pages are.
+// pages are; and of reading whole pages, their encoding found as the
+// command finds it.
 #include <benchmark/benchmark.h>
 
 #include <string>
 
+#include "Encoding.h"
+#include "PageEncoding.h"
 #include "Utf8.h"
 
 namespace {
@@ -34,8 +37,27 @@ void EncodeUtf8Page(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes));
 }
 
+// Reads the page written in the encoding after the declaration ("" for
+// none), as the command reads a page: found, decoded, checked to come back.
+void ReadPage(benchmark::State& state, const std::string& encoding, const std::u16string& declaration) {
+  std::string bytes = qzhost::EncodeText(declaration + Page(), encoding);
+  std::u16string text;
+  for (auto _ : state) {
+    qzhost::PageEncoding found;
+    std::vector<std::string> warnings;
+    std::string error;
+    if (!qzhost::DecodePage(bytes, "", qzhost::ServerDeclaration::kNone, &text, &found, &warnings, &error))
+      state.SkipWithError(error.c_str());
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
+}
+
 }  // namespace
 
 BENCHMARK(DecodeUtf8Page)->Unit(benchmark::kMillisecond);
 BENCHMARK(EncodeUtf8Page)->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ReadPage, Utf8Undeclared, "UTF-8", u"")->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ReadPage, ShiftJisDeclared, "Shift_JIS", u"<meta charset=\"Shift_JIS\">")
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(ReadPage, ShiftJisGuessed, "Shift_JIS", u"")->Unit(benchmark::kMillisecond);
 BENCHMARK_MAIN();
