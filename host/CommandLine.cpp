@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <set>
@@ -11,6 +12,7 @@ const char kUsage[] =
     "                   [--labelled FILE] [--preview FILE] [-o OUT] [--timeout SECONDS]\n"
     "                   [--encoding NAME] [--server-encoding NAME] [--strict]\n"
     "                   [--library PATH] PAGE\n"
+    "       qztranslate --check [--profile NAME] [--encoding NAME] PAGE...\n"
     "       qztranslate --help | --version\n"
     "\n"
     "Translates the server page PAGE (- for standard input, which needs --profile)\n"
@@ -35,12 +37,16 @@ const char kUsage[] =
     "                        code or whose labels came back wrong\n"
     "  --library PATH        the translator library to load (default:\n"
     "                        libServerTranslator.so beside qztranslate)\n"
+    "  --check               translate nothing: list what in each PAGE would make a\n"
+    "                        merge fail (close tags that end server elements early,\n"
+    "                        server elements never closed), and server blocks open\n"
+    "                        at its end\n"
     "  --help, --version     this text; the command's and the library's versions\n"
     "\n"
     "Without --server or --server-output the profile's own server runs (php: php,\n"
     "erb: erb -T -; asp has none), unless --labelled stands alone.\n"
-    "Exit status: 0 done, 1 the translation failed, 2 a wrong command line,\n"
-    "128+N interrupted by signal N.\n";
+    "Exit status: 0 done, 1 the translation failed (--check: a page would fail),\n"
+    "2 a wrong command line, 128+N interrupted by signal N.\n";
 
 namespace {
 
@@ -77,6 +83,7 @@ struct ParseState {
 // Options without a value, and where they are kept.
 bool* FlagOf(const std::string& name, Options* o) {
   if (name == "--strict") return &o->strict;
+  if (name == "--check") return &o->check;
   return nullptr;
 }
 
@@ -107,10 +114,20 @@ bool TakeOption(const std::string& name, const std::string* inlineValue, int arg
   return true;
 }
 
+// What --check takes besides its pages.
+bool CheckTakes(const std::string& option) {
+  return option == "--check" || option == "--profile" || option == "--encoding";
+}
+
 // What the options say together.
-bool CheckTogether(const Options& o, std::string* error) {
+bool CheckTogether(const Options& o, const ParseState& state, std::string* error) {
+  for (const std::string& option : state.seen)
+    if (o.check && !CheckTakes(option)) *error = "--check takes only --profile and --encoding, not " + option;
+  size_t fromInput = static_cast<size_t>(std::count(o.pages.begin(), o.pages.end(), "-"));
+  if (!error->empty()) return false;
   if (o.pages.empty()) *error = "no page given";
-  else if (o.pages.size() > 1) *error = "only one page can be translated at a time";
+  else if (o.pages.size() > 1 && !o.check) *error = "only one page can be translated at a time";
+  else if (fromInput > 1) *error = "standard input can be read only once";
   else if (o.hasServer && !o.serverOutput.empty()) *error = "give --server or --server-output, not both";
   else if (o.page == "-" && o.serverOutput == "-")
     *error = "the page and the server output cannot both come from standard input";
@@ -150,7 +167,7 @@ bool ParseCommandLine(int argc, char** argv, Options* o, std::string* error) {
     return false;
   }
   if (!o->pages.empty()) o->page = o->pages.front();
-  return CheckTogether(*o, error);
+  return CheckTogether(*o, state, error);
 }
 
 }  // namespace qzhost

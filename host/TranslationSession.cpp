@@ -281,7 +281,7 @@ bool TranslationSession::Merge(std::u16string_view output, std::u16string* merge
     if (profile_.lockEmptyPrefixedTags >= 0) args.push_back(Engine::Bool(profile_.lockEmptyPrefixedTags != 0));
     if (!Call("endPostTranslate", args, &result, error)) {
       *error = "the library rejected the merge of the server's output";
-      std::string why = ExplainRejectedMerge(labelledPage_, output);
+      std::string why = ExplainRejectedMerge(page_, labelledPage_, output, profile_);
       if (!why.empty()) *error += ": " + why;
       ok = false;
     } else if (!engine_.IsString(result)) {

@@ -23,6 +23,7 @@
 #include "Preview.h"
 #include "PreviewPieces.h"
 #include "Server.h"
+#include "TagReplay.h"
 #include "TranslationSession.h"
 
 namespace {
@@ -104,19 +105,26 @@ struct Plan {
   bool writesPreview = false;
 };
 
+// Picks the page's profile. Returns -1 to go on, else the exit status.
+int PickProfile(const Options& o, const std::string& page, const Profile** profile) {
+  if (!o.profile.empty()) {
+    *profile = FindProfile(o.profile);
+    if (!*profile) return UsageError("unknown profile " + o.profile + " (known: php, erb, asp)");
+  } else if (page == "-") {
+    return UsageError("a page read from standard input needs --profile php, erb or asp");
+  } else {
+    *profile = ProfileForPath(page);
+    if (!*profile)
+      return UsageError("cannot tell the profile from the name " + page + "; give --profile php, erb or asp");
+  }
+  return -1;
+}
+
 // Picks the profile and the server. Returns -1 to go on, else the exit
 // status. The asp profile has no server of its own.
 int PlanServer(const Options& o, Plan* plan) {
-  if (!o.profile.empty()) {
-    plan->profile = FindProfile(o.profile);
-    if (!plan->profile) return UsageError("unknown profile " + o.profile + " (known: php, erb, asp)");
-  } else if (o.page == "-") {
-    return UsageError("a page read from standard input needs --profile php, erb or asp");
-  } else {
-    plan->profile = ProfileForPath(o.page);
-    if (!plan->profile)
-      return UsageError("cannot tell the profile from the name " + o.page + "; give --profile php, erb or asp");
-  }
+  int status = PickProfile(o, o.page, &plan->profile);
+  if (status >= 0) return status;
   plan->labelOnly = !o.hasServer && o.serverOutput.empty() && !o.labelled.empty() && o.output.empty();
   if (plan->labelOnly && !o.preview.empty())
     return UsageError("--preview shows the merged page: give -o, --server or --server-output with --labelled");
@@ -311,6 +319,38 @@ int Translate(const Options& o) {
   return 0;
 }
 
+// Replays each page's open-tag tracking and prints what it finds (TagReplay.h):
+// errors for what makes a merge fail, warnings for the rest. Status 1 when a
+// page would fail or could not be read, else 0.
+int CheckPages(const Options& o) {
+  std::vector<const Profile*> profiles(o.pages.size());
+  for (size_t i = 0; i < o.pages.size(); ++i) {
+    int status = PickProfile(o, o.pages[i], &profiles[i]);
+    if (status >= 0) return status;
+  }
+  std::string error;
+  if (!o.encoding.empty() && !CheckEncodingName(o.encoding, &error)) return UsageError("--encoding: " + error);
+  int worst = 0;
+  for (size_t i = 0; i < o.pages.size(); ++i) {
+    Options one = o;
+    one.page = o.pages[i];
+    std::string pageName = one.page == "-" ? "standard input" : one.page;
+    std::u16string page;
+    PageEncoding encoding;
+    if (!ReadPage(one, *profiles[i], pageName, &page, &encoding, &error)) {
+      worst = Fail(error);
+      continue;
+    }
+    PlaceTable places(page);
+    for (const ElementFinding& f : ReplayServerElements(page, *profiles[i])) {
+      worst = f.breaksMerge ? kExitFailed : worst;
+      std::fprintf(stderr, "qztranslate: %s: %s: line %zu: %s\n", f.breaksMerge ? "error" : "warning",
+                   pageName.c_str(), places.At(FindingOffset(f)).line, DescribeFinding(f, places).c_str());
+    }
+  }
+  return worst;
+}
+
 int PrintVersion(const Options& o) {
   std::printf("qztranslate %s\n", QZ_COMMAND_VERSION);
   Engine engine;
@@ -333,5 +373,5 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (options.version) return PrintVersion(options);
-  return Translate(options);
+  return options.check ? CheckPages(options) : Translate(options);
 }

@@ -85,6 +85,8 @@ TEST_F(QzTranslateTest, WrongCommandLinesGetAHintAndStatusTwo) {
   Fails({"--profile", "php", "--server-output", "-", "-"}, 2, "cannot both come from standard input");
   Fails({"--encoding", "no-such", page}, 2, "--encoding: unknown encoding no-such");
   Fails({"--server-encoding", "UTF-32LE", page}, 2, "UTF-32 is not supported");
+  Fails({"--check", "--server", "cat", page}, 2, "--check takes only --profile and --encoding, not --server");
+  Fails({"--check", "--profile", "asp", "-", page, "-"}, 2, "standard input can be read only once");
   EXPECT_EQ(Files(), 0);
   ServerRun help = Command({"--help"});
   EXPECT_EQ(help.exitStatus, 0);
