@@ -185,7 +185,10 @@ bool DecodePage(std::string_view bytes, const std::string& option, ServerDeclara
   error->clear();
   if (!option.empty()) {
     Mark mark = MarkOfEncoding(bytes, option);
-    *encoding = {mark.size ? std::string(mark.name) : option, std::string(bytes.substr(0, mark.size)),
+    // ICU's UTF-16 without a byte order: big-endian, and a mark it would
+    // write that the page does not have.
+    std::string name = CanonicalEncoding(option) == "UTF-16" ? "UTF-16BE" : option;
+    *encoding = {mark.size ? std::string(mark.name) : name, std::string(bytes.substr(0, mark.size)),
                  EncodingSource::kOption, "given by --encoding", {}};
   } else if (!EncodingOfBytes(bytes, server, encoding, warnings, error)) {
     if (!error->empty()) return false;

@@ -72,6 +72,10 @@ TEST_F(PageEncodingTest, ByteOrderMarksAndUtf8ComeBackAsTheyWere) {
     EXPECT_TRUE(received.starts_with(c.mark + EncodeText(u"<p><!--QZVX 0 --><?= 1 ?>", c.encoding)))
         << c.encoding << (c.mark.empty() ? "" : " with its mark");
   }
+  // UTF-16 named without its order and with no mark is big-endian, and
+  // gets no mark it did not have.
+  Write("page.php", EncodeText(text, "UTF-16BE"));
+  EXPECT_EQ(Command({"--encoding", "UTF-16", "--server", "cat", Path("page.php")}).output, Read("page.php"));
   Write("page.php", std::string("\xFF\xFE\0\0<\0\0\0", 8));
   ServerRun refused = Command({"--server", "cat", Path("page.php")});
   EXPECT_EQ(refused.exitStatus, 1);
