@@ -34,7 +34,9 @@ class Converter {
   UConverter* converter_;
 };
 
-size_t CountLines(std::u16string_view text) { return 1 + static_cast<size_t>(std::count(text.begin(), text.end(), u'\n')); }
+size_t CountLines(std::u16string_view text) {
+  return 1 + static_cast<size_t>(std::count(text.begin(), text.end(), u'\n'));
+}
 
 // Decodes bytes until their end or the first offending sequence. *out holds
 // what was decoded, *consumed how many bytes ICU took (the offending sequence

@@ -45,7 +45,8 @@ DecodeError DecodeText(std::string_view bytes, const std::string& encoding, std:
 // given, then holds the index in text of each one's first unit. A
 // surrogate without its partner is taken as U+FFFD. The encoding must be one
 // ICU knows.
-std::string EncodeText(std::u16string_view text, const std::string& encoding, std::vector<size_t>* referenced = nullptr);
+std::string EncodeText(std::u16string_view text, const std::string& encoding,
+                       std::vector<size_t>* referenced = nullptr);
 
 }  // namespace qzhost
 

@@ -37,7 +37,9 @@ size_t FindFolded(std::string_view s, std::string_view word, size_t from) {
   return std::string_view::npos;
 }
 
-size_t LineAt(std::string_view s, size_t at) { return 1 + static_cast<size_t>(std::count(s.begin(), s.begin() + at, '\n')); }
+size_t LineAt(std::string_view s, size_t at) {
+  return 1 + static_cast<size_t>(std::count(s.begin(), s.begin() + at, '\n'));
+}
 
 size_t SkipSpaces(std::string_view s, size_t at) {
   while (at < s.size() && IsSpace(s[at])) ++at;

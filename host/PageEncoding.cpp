@@ -130,7 +130,8 @@ void CheckWrittenBack(std::string_view body, const std::u16string& text, PageEnc
   if (HoldsEveryCharacter(CanonicalEncoding(encoding->name))) return;
   std::string back = EncodeText(text, encoding->name, &encoding->unwritable);
   if (back == body) return;
-  size_t at = static_cast<size_t>(std::mismatch(back.begin(), back.end(), body.begin(), body.end()).first - back.begin());
+  auto differ = std::mismatch(back.begin(), back.end(), body.begin(), body.end());
+  size_t at = static_cast<size_t>(differ.first - back.begin());
   size_t line = 1 + static_cast<size_t>(std::count(body.begin(), body.begin() + std::min(at, body.size()), '\n'));
   std::string what = encoding->unwritable.empty()
                          ? encoding->name + " writes the character there otherwise than the page has it"
@@ -171,6 +172,41 @@ bool EncodingOfBytes(std::string_view bytes, ServerDeclaration server, PageEncod
   return true;
 }
 
+// The encoding --encoding names, with the page's mark when it has one of
+// that encoding. ICU's UTF-16 without a byte order is big-endian, and would
+// write a mark that the page does not have.
+PageEncoding EncodingOfOption(std::string_view bytes, const std::string& option) {
+  Mark mark = MarkOfEncoding(bytes, option);
+  std::string name = CanonicalEncoding(option) == "UTF-16" ? "UTF-16BE" : option;
+  return {mark.size ? std::string(mark.name) : name, std::string(bytes.substr(0, mark.size)), EncodingSource::kOption,
+          "given by --encoding", {}};
+}
+
+// A page that names no encoding: UTF-8 when it is valid UTF-8, else a guess,
+// with a warning. A NUL is refused in every encoding.
+bool DecodeUndeclared(std::string_view bytes, std::u16string* text, PageEncoding* encoding,
+                      std::vector<std::string>* warnings, std::string* error) {
+  *encoding = {"UTF-8", "", EncodingSource::kUtf8, "", {}};
+  DecodeStop stop;
+  DecodeError e = DecodeText(bytes, "UTF-8", text, &stop);
+  if (e == DecodeError::kNone) return true;
+  if (e == DecodeError::kNul) {
+    *error = Refusal(e, stop, 0, "UTF-8", "", "--encoding") +
+             " (a page in UTF-16 without a byte order mark needs --encoding)";
+    return false;
+  }
+  if (!DecodeGuessed(bytes, encoding, text)) {
+    *error = "is not valid UTF-8 (bad byte sequence at byte offset " + std::to_string(stop.byteOffset) + ", line " +
+             std::to_string(stop.line) + "), declares no encoding, and no encoding could be guessed: give "
+             "--encoding NAME";
+    return false;
+  }
+  warnings->push_back("the page declares no encoding and is not valid UTF-8; it was read as " + encoding->name +
+                      ", a guess: if that is wrong, give --encoding NAME");
+  CheckWrittenBack(bytes, *text, encoding, warnings);
+  return true;
+}
+
 }  // namespace
 
 bool CheckEncodingName(const std::string& name, std::string* error) {
@@ -183,35 +219,9 @@ bool CheckEncodingName(const std::string& name, std::string* error) {
 bool DecodePage(std::string_view bytes, const std::string& option, ServerDeclaration server, std::u16string* text,
                 PageEncoding* encoding, std::vector<std::string>* warnings, std::string* error) {
   error->clear();
-  if (!option.empty()) {
-    Mark mark = MarkOfEncoding(bytes, option);
-    // ICU's UTF-16 without a byte order: big-endian, and a mark it would
-    // write that the page does not have.
-    std::string name = CanonicalEncoding(option) == "UTF-16" ? "UTF-16BE" : option;
-    *encoding = {mark.size ? std::string(mark.name) : name, std::string(bytes.substr(0, mark.size)),
-                 EncodingSource::kOption, "given by --encoding", {}};
-  } else if (!EncodingOfBytes(bytes, server, encoding, warnings, error)) {
-    if (!error->empty()) return false;
-    *encoding = {"UTF-8", "", EncodingSource::kUtf8, "", {}};
-    DecodeStop stop;
-    DecodeError e = DecodeText(bytes, "UTF-8", text, &stop);
-    if (e == DecodeError::kNone) return true;
-    // A NUL is refused in every encoding; a page in UTF-16 needs its mark.
-    if (e == DecodeError::kNul) {
-      *error = Refusal(e, stop, 0, "UTF-8", "", "--encoding") + " (a page in UTF-16 without a byte order mark needs --encoding)";
-      return false;
-    }
-    if (!DecodeGuessed(bytes, encoding, text)) {
-      *error = "is not valid UTF-8 (bad byte sequence at byte offset " + std::to_string(stop.byteOffset) + ", line " +
-               std::to_string(stop.line) + "), declares no encoding, and no encoding could be guessed: give "
-               "--encoding NAME";
-      return false;
-    }
-    warnings->push_back("the page declares no encoding and is not valid UTF-8; it was read as " + encoding->name +
-                        ", a guess: if that is wrong, give --encoding NAME");
-    CheckWrittenBack(bytes, *text, encoding, warnings);
-    return true;
-  }
+  if (!option.empty()) *encoding = EncodingOfOption(bytes, option);
+  else if (!EncodingOfBytes(bytes, server, encoding, warnings, error))
+    return error->empty() && DecodeUndeclared(bytes, text, encoding, warnings, error);
   if (!DecodeBody(bytes, *encoding, "--encoding", text, error)) return false;
   CheckWrittenBack(bytes.substr(encoding->mark.size()), *text, encoding, warnings);
   return true;

@@ -123,7 +123,8 @@ TEST_F(PageEncodingTest, EachDeclarationIsReadInEachEncoding) {
 
 TEST_F(PageEncodingTest, AnUndeclaredLegacyPageIsGuessedWithAWarning) {
   std::u16string text = u"<p><?= $today ?></p>\n";
-  for (int i = 0; i < 8; ++i) text += u"<p>このページはサーバーで作られます。今日は良い天気です。</p>\n";
+  for (int i = 0; i < 8; ++i)
+    text += u"<p>このページはサーバーで作られます。今日は良い天気です。</p>\n";
   std::string said = RoundTrip(Make("page.php", "Shift_JIS", text));
   EXPECT_TRUE(Has(said, "warning: " + Path("page.php") +
                             ": the page declares no encoding and is not valid UTF-8; it was read as Shift_JIS, a "
@@ -159,7 +160,8 @@ TEST_F(PageEncodingTest, PhpOutputOutsideWindows1252BecomesACharacterReference) 
   if (system("command -v php >/dev/null") != 0) GTEST_SKIP() << "php is not installed";
   // The code, in windows-1252, prints UTF-8; the merged page is written in
   // windows-1252 again, its code as the page has it.
-  Write("page.php", "<meta charset=\"windows-1252\">\n<p><?php /* caf\xE9 */ echo \"\\u{E9}t\\u{E9} \\u{3A9}\"; ?></p>\n");
+  Write("page.php",
+        "<meta charset=\"windows-1252\">\n<p><?php /* caf\xE9 */ echo \"\\u{E9}t\\u{E9} \\u{3A9}\"; ?></p>\n");
   ServerRun run = Command({"--server-encoding", "UTF-8", Path("page.php")});
   ASSERT_EQ(run.exitStatus, 0) << run.errors;
   EXPECT_TRUE(Has(run.output, "<qz:invisible><?php /* caf\xE9 */ echo") &&
