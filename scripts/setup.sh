@@ -5,7 +5,7 @@
 #   scripts/setup.sh TARGET...    builds only those targets, e.g. qztranslate
 #
 # Installs, through apt-get and only when missing: the build tools (cmake,
-# g++, GoogleTest, Google Benchmark), the servers the translate command
+# g++, GoogleTest, Google Benchmark), ICU for the host's encodings, the servers the translate command
 # drives in the demos and tests (php for php pages, erb from ruby for erb
 # pages), and for the preview's browser tests Debian's chromium with libpng
 # and nlohmann-json to read what it renders. Needs root or sudo only when
@@ -22,6 +22,7 @@ command -v g++ >/dev/null 2>&1 || missing+=(g++)
 command -v make >/dev/null 2>&1 || missing+=(make)
 [ -e /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
 [ -e /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
+[ -e /usr/include/unicode/ucnv.h ] || missing+=(libicu-dev)
 command -v php >/dev/null 2>&1 || missing+=(php-cli)
 command -v erb >/dev/null 2>&1 || missing+=(ruby)
 command -v chromium >/dev/null 2>&1 || missing+=(chromium)
