@@ -54,6 +54,78 @@ TEST_F(Session, CallbacksRefuseWrongArgumentCounts) {
   EXPECT_EQ(r.result, qzhost::kTrue);
 }
 
+// The entry copies whole slots that lie within the size it is given and
+// registers through the define operation, which a host may lack.
+TEST_F(Session, EntryReadsOnlyTheSlotsItIsGiven) {
+  const size_t nRegistered = host.engine.Registrations().size();
+  std::vector<void*> longer(host.table.begin(), host.table.end());
+  longer.resize(60, reinterpret_cast<void*>(1));
+  EXPECT_NE(QZ_InitWrapper(longer.data(), 60 * sizeof(void*)), 0) << "slots past the 46th are not read";
+  EXPECT_EQ(QZ_InitWrapper(host.table.data(), 2 * sizeof(void*) - 1), 0) << "the define slot cut off";
+  EXPECT_EQ(QZ_InitWrapper(nullptr, 46 * sizeof(void*)), 0) << "no table";
+  EXPECT_EQ(host.engine.Registrations().size(), nRegistered + 15);
+  host.Install();
+}
+
+// A host may refuse to convert any argument. The callbacks then skip what
+// needs the text, still record offsets, and succeed; the pass ends, the
+// merge and the services fail without the texts they cannot do without, and
+// lock texts count as empty.
+TEST_F(Session, ArgumentsTheHostRefuses) {
+  const Value no = FakeHost::kRefused;
+  auto ok = [&](const std::string& name, std::vector<Value> args) { return host.Call(name, std::move(args)).ok; };
+  ASSERT_EQ(ok("initialize", {}), 1);
+  EXPECT_EQ(ok("beginPreTranslate", {host.Str(u"<%"), host.Str(u"%>"), no, qzhost::kNull}), 0) << "a list";
+  EXPECT_EQ(ok("endPreTranslate", {no}), 0);
+  ASSERT_EQ(ok("beginPreTranslate", {no, host.Str(u"%>"), host.engine.Array({host.Str(u"zb"), no}), qzhost::kNull}), 1);
+  EXPECT_EQ(gDirStartChars[0], 0) << "no start characters: no configured directive";
+  EXPECT_EQ(gTagPrefixes.nSize, 3) << "zb, script, style";
+  ScanThroughNatives(host, u"<zboutput>");
+  const std::vector<std::pair<std::string, std::vector<Value>>> callbacks = {
+      {"directive", {no, host.Int(10)}},        {"directive", {host.Str(u"<%a%>"), no}},
+      {"openTagBegin", {no, host.Int(10)}},     {"attribute", {no, host.Str(u"v")}},
+      {"attribute", {host.Str(u"n"), no}},      {"openTagEnd", {host.Int(12), no}},
+      {"closeTagBegin", {no, host.Int(12)}},    {"closeTagEnd", {no}},
+      {"text", {no, host.Int(12)}},             {"attribute", {host.Str(u"qzvx"), no}}};
+  for (int pass : {1, 0}) {
+    if (pass == 0) ok("beginPostTranslate", {});
+    for (const auto& [name, args] : callbacks) {
+      auto r = host.Call(name, args);
+      EXPECT_TRUE(r.ok == 1 && r.result == qzhost::kTrue) << name << " in pass " << pass;
+    }
+    if (pass == 1) {
+      EXPECT_EQ(gOffsetArray.nSize, 2) << "the zboutput tag's places only";
+      EXPECT_EQ(ok("endPreTranslate", {no}), 0) << "no page";
+    }
+  }
+  EXPECT_EQ(Items(gFromServerTagBeginArray), (Ints{10, 12}));
+  EXPECT_EQ(Items(gFromServerTagEndArray), (Ints{12, 0}));
+  EXPECT_EQ(gLabelArray.nSize + gAttrLabelArray.nSize + gEncodedAttrs.nSize, 0);
+
+  ok("initialize", {});
+  const Value page = host.Str(u"<%a%>"), output = host.Str(u"<!--QZVX 0 -->A<!--QZVX 1 -->");
+  gOffsetArray.nSize = gOffsetTypeArray.nSize = 0;
+  for (int32_t place : {0, 5}) IntArrayAdd(&gOffsetArray, place), IntArrayAdd(&gOffsetTypeArray, place ? 6 : 5);
+  ok("beginPostTranslate", {});
+  ScanThroughNatives(host, host.Text(output));
+  auto merge = [&](std::vector<Value> args) {
+    auto r = host.Call("endPostTranslate", args);
+    return r.ok ? host.Text(r.result) : u"(failed)";
+  };
+  EXPECT_EQ(merge({no, output, no, no, no}), u"(failed)");
+  EXPECT_EQ(merge({page, no, no, no, no}), u"(failed)");
+  EXPECT_EQ(merge({page, output, no, no, no, qzhost::kTrue}), u"<qz:invisible><%a%></qz:invisible>" + Font(u"A"))
+      << "empty lock texts";
+  EXPECT_EQ(merge({page, output, no, no, no, no}), u"(failed)") << "a flag it cannot read";
+  for (int k = 0; k < 2; ++k)
+    EXPECT_EQ(ok("setLineEndingsToMatch", {k ? host.Str(u"\n") : no, k ? no : host.Str(u"\n")}), 0);
+  for (int k = 0; k < 4; ++k) {
+    std::vector<Value> args(4, host.Str(u"b"));
+    args[k] = no;
+    EXPECT_EQ(ok("replaceTextInsideTag", args), 0) << k;
+  }
+}
+
 class LabelInsertion : public LibraryTest {
  protected:
   // Runs endPreTranslate over page with the given places.
@@ -179,6 +251,7 @@ TEST_F(MergeDriver, ArgumentsAndHostOperations) {
                                    host.Str(kValue), qzhost::kFalse,  qzhost::kFalse};
   // Wrong argument counts, checked before anything is done, and hosts
   // without an operation the merge needs.
+  const auto all = host.table;
   const std::pair<size_t, int> cases[] = {{0, -1}, {4, -1}, {7, -1}, {5, kSlotStringToValue},
                                           {5, kSlotValueToString}, {6, kSlotValueToBoolean}};
   for (auto [nArgs, slot] : cases) {
@@ -192,7 +265,7 @@ TEST_F(MergeDriver, ArgumentsAndHostOperations) {
     if (slot < 0) {
       EXPECT_EQ(Items(gFromServerOffsetArray), (Ints{0, 15})) << "the labels were not removed";
     }
-    host.table = host.engine.Table();
+    host.table = all;
     host.Install();
   }
 }
