@@ -86,7 +86,9 @@ TEST_F(Session, ArgumentsTheHostRefuses) {
       {"openTagBegin", {no, host.Int(10)}},     {"attribute", {no, host.Str(u"v")}},
       {"attribute", {host.Str(u"n"), no}},      {"openTagEnd", {host.Int(12), no}},
       {"closeTagBegin", {no, host.Int(12)}},    {"closeTagEnd", {no}},
-      {"text", {no, host.Int(12)}},             {"attribute", {host.Str(u"qzvx"), no}}};
+      {"text", {no, host.Int(12)}},             {"attribute", {no, no}},
+      {"attribute", {host.Str(u"qzvx"), host.Int(4)}}, {"attribute", {host.Str(u"n"), no}},
+      {"attribute", {host.Str(u"qzvx"), no}}};
   for (int pass : {1, 0}) {
     if (pass == 0) ok("beginPostTranslate", {});
     for (const auto& [name, args] : callbacks) {
@@ -100,7 +102,8 @@ TEST_F(Session, ArgumentsTheHostRefuses) {
   }
   EXPECT_EQ(Items(gFromServerTagBeginArray), (Ints{10, 12}));
   EXPECT_EQ(Items(gFromServerTagEndArray), (Ints{12, 0}));
-  EXPECT_EQ(gLabelArray.nSize + gAttrLabelArray.nSize + gEncodedAttrs.nSize, 0);
+  EXPECT_EQ(gLabelArray.nSize + gAttrLabelArray.nSize, 0);
+  EXPECT_EQ(std::u16string(gEncodedAttrs.pData, gEncodedAttrs.nSize), u"n=%22%22 ") << "a value it cannot read is empty";
 
   ok("initialize", {});
   const Value page = host.Str(u"<%a%>"), output = host.Str(u"<!--QZVX 0 -->A<!--QZVX 1 -->");

@@ -26,8 +26,9 @@ namespace {
 
 TEST(MemoryHooks, IncompleteHooksRestoreTheCAllocatorAndZeroBytesAreABlock) {
   const long nBefore = FaultOutstanding();
-  const MemHooks noFree = {std::malloc, std::realloc, nullptr};
-  for (const MemHooks* hooks : {static_cast<const MemHooks*>(nullptr), &noFree}) {
+  const MemHooks partial[] = {{std::malloc, std::realloc, nullptr}, {std::malloc, nullptr, std::free},
+                              {nullptr, std::realloc, std::free}};
+  for (const MemHooks* hooks : {static_cast<const MemHooks*>(nullptr), &partial[0], &partial[1], &partial[2]}) {
     MemSetHooks(hooks);
     void* p = MemAlloc(0);
     EXPECT_NE(p, nullptr) << "a zero-sized request is still a block";
