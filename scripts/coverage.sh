@@ -26,7 +26,7 @@ if ! command -v gcovr >/dev/null 2>&1; then
 fi
 
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Coverage -DQZ_BUILD_BENCH=OFF \
-  -DCMAKE_CXX_FLAGS_COVERAGE="-O0 -g --coverage -fno-threadsafe-statics -DQZ_COVERAGE" -DCMAKE_EXE_LINKER_FLAGS_COVERAGE=--coverage \
+  -DCMAKE_CXX_FLAGS_COVERAGE="-O0 -g --coverage -fno-threadsafe-statics -fno-exceptions -DQZ_COVERAGE" -DCMAKE_EXE_LINKER_FLAGS_COVERAGE=--coverage \
   -DCMAKE_SHARED_LINKER_FLAGS_COVERAGE=--coverage >/dev/null
 BUILD_DIR=$build BUILD_TYPE=Coverage bash "$root/scripts/setup.sh"
 find "$build" -name '*.gcda' -delete

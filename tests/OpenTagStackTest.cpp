@@ -2,7 +2,6 @@
 // through its index, which must answer as a walk down the stack would, also
 // while memory runs out under it and on pages of tens of thousands of tags.
 #include <algorithm>
-#include <chrono>
 #include <random>
 
 #include "FakeHost.h"
@@ -90,10 +89,9 @@ TEST_F(OpenTagStackTest, APushThatFailsLeavesTheArraysInStep) {
 
 // Regression: a close tag walked the stack, so a page of tens of thousands
 // of tags that are never closed, and as many stray close tags, was
-// quadratic.
-TEST_F(OpenTagStackTest, TensOfThousandsOfUnclosedTagsStayFast) {
+// quadratic (its time is the benchmark's; here the answers).
+TEST_F(OpenTagStackTest, TensOfThousandsOfUnclosedTags) {
   const int32_t n = 100000;
-  auto start = std::chrono::steady_clock::now();
   for (int32_t i = 0; i < n; ++i) OpenTagStackPush(u"br", i, 0);
   for (int32_t i = 0; i < n; ++i) ASSERT_EQ(OpenTagStackFind(u"p"), -1);
   // Closing deep inside, over and over: each entry is popped once.
@@ -102,7 +100,6 @@ TEST_F(OpenTagStackTest, TensOfThousandsOfUnclosedTagsStayFast) {
     for (int k = 0; k < 3; ++k) OpenTagStackPush(u"i", i, 0);
     OpenTagStackPop(gOpenTags.nSize - OpenTagStackFind(u"X:A"));
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
   EXPECT_EQ(gOpenTags.nSize, n);
 }
 
