@@ -95,6 +95,17 @@ TEST_F(Hilite, PiecesInsideTheTitleStayPlain) {
   EXPECT_EQ(Colour(17, 1), u"T") << "a title open tag with attributes is a title all the same";
   gFromServerTitleInsideStart = 5;
   EXPECT_EQ(Colour(17, 1), Font(u"T")) << "a title index that names no recorded tag";
+  Record(u"<title>T</title>");
+  gFromServerTitleInsideStart = 0, gFromServerTitleInsideEnd = 1;
+  EXPECT_EQ(Colour(7, 1), u"T") << "inside the title";
+  for (int32_t* entry : {&gFromServerTagEndArray.pData[0], &gFromServerTagBeginArray.pData[1]}) {
+    const int32_t saved = *entry;
+    *entry = entry == &gFromServerTagEndArray.pData[0] ? -1 : 99;
+    EXPECT_EQ(Colour(7, 1), Font(u"T")) << "a title reported outside the text";
+    *entry = saved;
+  }
+  gFromServerTitleInsideEnd = 2;
+  EXPECT_EQ(Colour(7, 1), Font(u"T")) << "a close index that names no recorded tag";
 }
 
 TEST_F(Hilite, TagsThatDoNotFitTheTextLeaveThePiecePlain) {

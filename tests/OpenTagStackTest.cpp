@@ -6,6 +6,7 @@
 
 #include "FakeHost.h"
 #include "FaultAllocator.h"
+#include "Memory.h"
 #include "OpenTagStack.h"
 #include "Session.h"
 
@@ -65,6 +66,27 @@ TEST_F(OpenTagStackTest, FindsTheInnermostEntryOfANameIgnoringCase) {
     }
     FaultFailAt(0);
   }
+}
+
+// A change made to the stack behind the index's back (a name pushed or
+// dropped directly, arrays of unequal length) is noticed: the index goes,
+// the lookups walk the stack and stay right, and the top is none while the
+// arrays disagree.
+TEST_F(OpenTagStackTest, ChangesBehindTheIndexBackAreNoticed) {
+  for (const char16_t* name : {u"a", u"b", u"a"}) OpenTagStackPush(name, 0, 0);
+  StringArrayPush(&gOpenTags, u"c");
+  EXPECT_EQ(OpenTagStackTop(), -1) << "four arrays of unequal length";
+  EXPECT_EQ(OpenTagStackFind(u"C"), 3);
+  OpenTagStackStart();
+  OpenTagStackPush(u"d", 0, 0);
+  EXPECT_EQ(OpenTagStackFind(u"d"), 4) << "a push after the change walks too";
+  Make();
+  for (const char16_t* name : {u"e", u"f"}) OpenTagStackPush(name, 0, 0);
+  MemFree(StringArrayPop(&gOpenTags));
+  StringArrayPush(&gOpenTags, u"g");
+  OpenTagStackPop(1);
+  EXPECT_EQ(OpenTagStackFind(u"e"), 0) << "a name replaced behind its back";
+  EXPECT_EQ(OpenTagStackFind(u"f"), -1);
 }
 
 // The four arrays take an entry together or not at all. The 101st push
