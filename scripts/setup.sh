@@ -8,8 +8,9 @@
 # g++, GoogleTest, Google Benchmark), ICU for the host's encodings, the servers the translate command
 # drives in the demos and tests (php for php pages, erb from ruby for erb
 # pages), and for the preview's browser tests Debian's chromium with libpng
-# and nlohmann-json to read what it renders. Needs root or sudo only when
-# something must be installed.
+# and nlohmann-json to read what it renders, and gcovr for the coverage
+# report (scripts/coverage.sh). Needs root or sudo only when something must
+# be installed.
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -28,6 +29,7 @@ command -v erb >/dev/null 2>&1 || missing+=(ruby)
 command -v chromium >/dev/null 2>&1 || missing+=(chromium)
 [ -e /usr/include/png.h ] || missing+=(libpng-dev)
 [ -e /usr/include/nlohmann/json.hpp ] || missing+=(nlohmann-json3-dev)
+command -v gcovr >/dev/null 2>&1 || missing+=(gcovr)
 
 if [ ${#missing[@]} -gt 0 ]; then
   SUDO=""
