@@ -190,6 +190,7 @@ bool DecodeUndeclared(std::string_view bytes, std::u16string* text, PageEncoding
   DecodeStop stop;
   DecodeError e = DecodeText(bytes, "UTF-8", text, &stop);
   if (e == DecodeError::kNone) return true;
+  text->clear();
   if (e == DecodeError::kNul) {
     *error = Refusal(e, stop, 0, "UTF-8", "", "--encoding") +
              " (a page in UTF-16 without a byte order mark needs --encoding)";
