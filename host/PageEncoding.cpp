@@ -102,7 +102,9 @@ std::vector<std::string> Guesses(std::string_view bytes) {
   const UCharsetMatch** matches = ucsdet_detectAll(detector, &n, &status);
   for (int32_t i = 0; U_SUCCESS(status) && i < n && names.size() < kGuessesTried; ++i) {
     std::string name = ucsdet_getName(matches[i], &status);
-    if (U_SUCCESS(status) && !name.starts_with("UTF-")) names.push_back(name);
+    // The detector names some encodings (IBM420_rtl, ...) that ICU has no
+    // converter for.
+    if (U_SUCCESS(status) && !name.starts_with("UTF-") && !CanonicalEncoding(name).empty()) names.push_back(name);
   }
   ucsdet_close(detector);
   return names;
