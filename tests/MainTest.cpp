@@ -104,6 +104,12 @@ TEST_F(Session, ArgumentsTheHostRefuses) {
   EXPECT_EQ(Items(gFromServerTagEndArray), (Ints{12, 0}));
   EXPECT_EQ(gLabelArray.nSize + gAttrLabelArray.nSize, 0);
   EXPECT_EQ(std::u16string(gEncodedAttrs.pData, gEncodedAttrs.nSize), u"n=%22%22 ") << "a value it cannot read is empty";
+  const auto all = host.table;
+  host.ClearSlot(kSlotValueToInteger);
+  ScanThroughNatives(host, u"<p qzvx=\"0\" >");
+  EXPECT_EQ(gAttrLabelArray.nSize, 0) << "a label attribute whose number cannot be read";
+  host.table = all;
+  host.Install();
 
   ok("initialize", {});
   const Value page = host.Str(u"<%a%>"), output = host.Str(u"<!--QZVX 0 -->A<!--QZVX 1 -->");
@@ -227,6 +233,7 @@ TEST_F(MergeDriver, InputNothingShouldStopTheProcessOn) {
   page = u"<img src=\"a\">";
   EXPECT_EQ(Translate(page, {{u" qzvx=\"0\"  src=\"a\"", u" src=\"a\" qzvx=\"0\" "}}), kFailed);
   EXPECT_EQ(Translate(page, Answer(u"<img qzvx=\"0\"<p>"), u"<img qzvx=\"0\">"), kFailed);
+  EXPECT_EQ(Translate(page, Answer(u"<img qzvx=\"0\""), u"<img qzvx=\"0\">"), kFailed) << "nor does its text";
   EXPECT_EQ(Translate(page, {{u"  src=\"a\"", u""}}), u"<img src=\"a\"" + TagAttr(u"") + u">");
   EXPECT_EQ(Translate(u"<br a=\"b\"/>", {{u"  a=\"b\"", u""}}), u"<br a=\"b\"/" + TagAttr(u"") + u"/>");
   EXPECT_EQ(Translate(page, {{u"qzvx=\"0\"  src=\"a\"", u"qzvx=\"9\"  src=\"b\""}}), u"<img src=\"b\">");

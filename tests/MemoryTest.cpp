@@ -43,6 +43,12 @@ TEST(MemoryHooks, IncompleteHooksRestoreTheCAllocatorAndZeroBytesAreABlock) {
   MemFree(p);
   MemFree(nullptr);
   EXPECT_EQ(FaultOutstanding(), nBefore);
+  // Room for elements: no count below 1 or past the 32-bit counts, nor bytes
+  // past a size_t, reaches the hooks.
+  FaultFailAt(0);
+  for (auto [n, nSize] : {std::pair<int64_t, size_t>{0, 4}, {int64_t{INT32_MAX} + 1, 1}, {2, SIZE_MAX / 2 + 1}})
+    EXPECT_EQ(MemAllocArray(nullptr, n, nSize), nullptr) << n << " of " << nSize;
+  EXPECT_EQ(FaultAttempts(), 0);
 }
 
 // Compares texts too long to print: says where they part.

@@ -87,6 +87,11 @@ TEST_F(OpenTagStackTest, ChangesBehindTheIndexBackAreNoticed) {
   OpenTagStackPop(1);
   EXPECT_EQ(OpenTagStackFind(u"e"), 0) << "a name replaced behind its back";
   EXPECT_EQ(OpenTagStackFind(u"f"), -1);
+  for (IntArray* a : {&gOpenTagOffsets, &gOpenTagIsServerTag, &gOpenTagIsNonHtmlServerTag}) {
+    IntArrayPush(a, 0);
+    EXPECT_EQ(OpenTagStackTop(), -1) << "one of the flag arrays longer";
+    IntArrayPop(a);
+  }
 }
 
 // The four arrays take an entry together or not at all. The 101st push

@@ -33,6 +33,7 @@ TEST_F(TextReplaceTest, ReplacesOnlyInsideTheNamedElements) {
   EXPECT_EQ(Replace(u"</b>x", u"b", u"x", u"y"), u"</b>x");
   EXPECT_EQ(Replace(u"a<i>x</i>x", u"", u"x", u"y"), u"a<i>y</i>y");
   EXPECT_EQ(Replace(u"no tag x", u"b", u"x", u"y"), u"no tag x");
+  EXPECT_EQ(Replace(u"<b>x</i>x</b>x<", u"b", u"x", u"y"), u"<b>y</i>y</b>x<") << "another close tag; a last <";
 }
 
 // The tag name, search text and replacement are as long as the host says,
