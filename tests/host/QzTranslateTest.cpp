@@ -87,10 +87,16 @@ TEST_F(QzTranslateTest, WrongCommandLinesGetAHintAndStatusTwo) {
   Fails({"--server-encoding", "UTF-32LE", page}, 2, "UTF-32 is not supported");
   Fails({"--check", "--server", "cat", page}, 2, "--check takes only --profile and --encoding, not --server");
   Fails({"--check", "--profile", "asp", "-", page, "-"}, 2, "standard input can be read only once");
+  Fails({"--check", "--encoding", "no-such", page}, 2, "--encoding: unknown encoding no-such");
+  Fails({"--timeout=", page}, 2, "--timeout needs a value that is not empty");
+  Fails({"--timeout", "inf", page}, 2, "--timeout needs a number of seconds");
+  Fails({"--strict=yes", page}, 2, "--strict takes no value");
+  Fails({"--", "-x.php", "--", page}, 2, "only one page");
   EXPECT_EQ(Files(), 0);
   ServerRun help = Command({"--help"});
   EXPECT_EQ(help.exitStatus, 0);
   EXPECT_TRUE(Has(help.output, "usage: qztranslate") && Has(help.output, "128+N"));
+  EXPECT_TRUE(Has(Command({"-h"}).output, "usage: qztranslate"));
   ServerRun version = Command({"--version"});
   EXPECT_EQ(version.exitStatus, 0);
   EXPECT_TRUE(Has(version.output, "qztranslate 1.") && Has(version.output, "libServerTranslator.so, build "))
@@ -118,6 +124,13 @@ TEST_F(QzTranslateTest, FailuresSayWhy) {
   Fails({"--server", "kill -9 $$", Path("page.php")}, 1, "killed by signal 9");
   Fails({"--server", "printf 'ok\\n\\377'", Path("page.php")}, 1,
         "server's output is not valid UTF-8: bad byte sequence at byte offset 3 (line 2)");
+  // A library that cannot be loaded or is not the translator.
+  const std::string build = FolderOf(QZ_TRANSLATE_PATH);
+  Fails({"--library", Path("none.so"), "--server", "cat", Path("page.php")}, 1, "cannot load the translator library");
+  Fails({"--library", build + "/libchar16.so", "--server", "cat", Path("page.php")}, 1,
+        "has no entry function QZ_InitWrapper");
+  Fails({"--check", Path("gone.aspx")}, 1, Path("gone.aspx") + ": No such file or directory");
+  Fails({"--server", "cat", "--labelled", Path("no/l.php"), Path("page.php")}, 1, "cannot write the labelled page");
 
   // Merges the library rejects: the server stopped in the middle of the
   // directive's output; the page leaves an element whose content is not
@@ -184,6 +197,20 @@ TEST_F(QzTranslateTest, StandardInputAndOutputAndBothOutputsAtOnce) {
   EXPECT_EQ(merged.output, "<b><?= 1 ?></b>");
   Fails({"--profile", "php", "--server", "cat", "--labelled", "-", "-o", "/dev/stdout", Path("x.php")}, 1,
         "to the same file");
+  // The page read from standard input is no output either. A server that
+  // works but writes much to its standard error, and leaves a process
+  // behind: both are passed on. Regression: the warning followed the
+  // server's last line of errors on the same line when that had no end.
+  Write("in.php", "<b><?= 1 ?></b>");
+  ServerRun run;
+  std::string error, command = std::string(QZ_TRANSLATE_PATH) + " --profile php --server ";
+  ASSERT_TRUE(RunServer(command + "cat -o " + Path("in.php") + " - <" + Path("in.php"), "/", "", &run, &error));
+  EXPECT_TRUE(Has(run.errors, "it is the page itself (standard input)")) << run.errors;
+  std::string chatty = "'cat; head -c 70000 /dev/zero | tr \\\\0 e >&2; sleep 30 &' - <" + Path("in.php");
+  ASSERT_TRUE(RunServer(command + chatty + " 2>&1 >/dev/null | grep -v ^eee", "/", "", &run, &error));
+  EXPECT_EQ(run.output, "qztranslate: the server's standard error, its first 4464 bytes left out:\n"
+                        "qztranslate: warning: the server left processes running (a background child holding its "
+                        "output open?); they were stopped\n");
   // With -o as well, --labelled does not stop the command: the profile's
   // own server runs and both pages are written.
   if (system("command -v php >/dev/null") != 0) GTEST_SKIP() << "php is not installed";
