@@ -254,3 +254,60 @@ TEST_F(TranslationSessionTest, PagesThatTheEndCutsOffTranslateAndSayWhatBecomesO
     EXPECT_TRUE(Has(said, c.says)) << said;
   }
 }
+
+namespace {
+
+// Natives of a library that misbehaves the way each case asks: a function
+// left out, a call that fails, an end that returns no text.
+int Succeeds(void*, void*, uint32_t, Value*, Value* result) {
+  *result = kTrue;
+  return 1;
+}
+int Fails(void*, void*, uint32_t, Value*, Value*) { return 0; }
+int GivesText(void* cx, void*, uint32_t, Value*, Value* result) {
+  *result = static_cast<Engine*>(cx)->Str(u"text");
+  return 1;
+}
+
+}  // namespace
+
+TEST(TranslationSessionSequenceTest, CallsOutOfTurnAndALibraryThatMisbehaves) {
+  Engine none;
+  std::string error;
+  std::u16string labelled, merged;
+  {
+    TranslationSession session(none, *FindProfile("php"));
+    EXPECT_FALSE(session.Label(u"<p>", &labelled, &error));
+    EXPECT_EQ(error, "the session was not started");
+    EXPECT_FALSE(session.Merge(u"<p>", &merged, &error));
+    EXPECT_EQ(error, "the page was not labelled before the merge");
+    EXPECT_FALSE(session.Start(&error));
+    EXPECT_EQ(error, "the library has no script function initialize");
+  }
+  struct Case {
+    NativeFn openTagBegin, endPreTranslate, endPostTranslate;
+    std::u16string page;
+    std::string says;
+  } cases[] = {
+      {&Fails, &GivesText, &GivesText, u"<p>a</p>", "the library's openTagBegin failed on the item at offset 0"},
+      {&Fails, &GivesText, &GivesText, u"a</p>", "the library has no script function closeTagBegin"},
+      {&Fails, &Succeeds, &GivesText, u"<?= 1 ?>", "the library's endPreTranslate returned no text"},
+      {&Fails, &Fails, &GivesText, u"<?= 1 ?>", "the library's endPreTranslate failed"},
+      {&Fails, &GivesText, &Succeeds, u"<?= 1 ?>", "the library's endPostTranslate returned no text"},
+      {&Fails, &GivesText, &Fails, u"<?= 1 ?>", "the library rejected the merge of the server's output"},
+  };
+  for (const Case& c : cases) {
+    Engine engine;
+    auto table = engine.Table();
+    auto define = reinterpret_cast<intptr_t (*)(void*, const char*, NativeFn, int)>(table[kSlotDefineFunction]);
+    for (const char* name : {"initialize", "beginPreTranslate", "beginPostTranslate", "cleanup", "directive", "text"})
+      define(&engine, name, &Succeeds, 0);
+    define(&engine, "openTagBegin", c.openTagBegin, 0);
+    define(&engine, "endPreTranslate", c.endPreTranslate, 0);
+    define(&engine, "endPostTranslate", c.endPostTranslate, 0);
+    TranslationSession session(engine, *FindProfile("php"));
+    EXPECT_TRUE(session.Start(&error));
+    EXPECT_FALSE(session.Label(c.page, &labelled, &error) && session.Merge(u"text", &merged, &error));
+    EXPECT_EQ(error, c.says);
+  }
+}
