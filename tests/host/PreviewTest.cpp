@@ -103,7 +103,7 @@ TEST(PreviewLayoutTest, DecodesEachPercentPairOnly) {
   EXPECT_EQ(DecodeLockCode("100%"), "100%");
   EXPECT_EQ(DecodeLockCode("%2"), "%2");
   EXPECT_EQ(DecodeLockCode("%zz%41"), "%zzA");
-  EXPECT_EQ(DecodeLockCode("\xC3\xBC%0a"), "\xC3\xBC\n");
+  EXPECT_EQ(DecodeLockCode("\xC3\xBC%0a%3c%3E%3"), "\xC3\xBC\n<>%3");
 }
 
 // Texts that would end the element or attribute they stand in, if they were
@@ -112,9 +112,10 @@ TEST(PreviewRenderTest, EveryTextComesBackWhole) {
   const std::string hostile = "\"'></iframe></code></pre></script><script>alert(1)</script><!-- & &amp; \xE2\x80\xA8";
   PreviewInput input;
   input.title = "t" + hostile;
-  input.mergedPage = "<p class=\"a\">" + hostile + Lock("%3C?=%20$a%20?%3E%22%3C/script%3E") + "</p>";
+  input.mergedPage = "<p class=\"a\">" + hostile + Lock("%3C?=%20$a%20?%3E%22%3C/script%3E") + Lock("") +
+                     Lock("\\\t\xE2\x80\xA8\xE2\x80\xA9") + "</p>";
   input.pieces = {Piece(1, 4, "<?= $a ?>\"</script>"), Piece(2, 7, hostile)};
-  input.warnings = {{3, hostile}};
+  input.warnings = {{3, hostile}, {0, "none"}};
   std::string html = RenderPreview(input);
 
   EXPECT_EQ(Unescaped(Between(html, "srcdoc=\"", "\"")), input.mergedPage);
@@ -130,6 +131,9 @@ TEST(PreviewRenderTest, EveryTextComesBackWhole) {
   std::string data = Between(html, "id=\"qz-locks\">", "</script>");
   EXPECT_EQ(data.find_first_of("<>&"), std::string::npos) << data;
   EXPECT_NE(data.find("%3C/script%3E"), std::string::npos) << data;
+  EXPECT_NE(data.find("\"\\\\\\u0009\\u2028\\u2029\""), std::string::npos) << data;
+  EXPECT_EQ(Count(html, "qz-entry qz-repeat") + Count(html, "qz-entry qz-unknown"), 2u) << "a repeat and unknown code";
+  EXPECT_NE(html.find("<li class=\"qz-warning\" data-line=\"0\">none</li>"), std::string::npos);
 
   // The content policy fetches nothing and runs only the script with its nonce.
   std::string policy = Between(html, "Content-Security-Policy\" content=\"", "\"");
@@ -170,4 +174,16 @@ TEST_F(PreviewCommandTest, PreviewIsWrittenWholeOrNotAtAll) {
   ASSERT_TRUE(ReadWholeFile(Path("p.html"), &preview, &error)) << error;
   EXPECT_NE(preview.find("<title>Preview of hello.aspx</title>"), std::string::npos);
   EXPECT_EQ(Count(preview, "class=\"qz-entry qz-piece\""), 7u);
+}
+
+TEST(PreviewPiecesTest, PiecesAndWarningsOfATranslation) {
+  LabelReport report;
+  report.pieces.resize(2);
+  report.pieces[1].openLabel = 2, report.pieces[1].line = 5, report.pieces[1].code = u"<?= 1 ?>";
+  report.warnings.push_back({Finding::kCodeMissing, 5, 0, "lost"});
+  PreviewInput input = PreviewOfTranslation("page.php", report, {{Finding::kOpenAtEnd, 0, 0, "open"}}, u"é");
+  EXPECT_EQ(input.title + input.mergedPage + input.pieces[1].code, "page.php\xC3\xA9<?= 1 ?>");
+  EXPECT_EQ(input.pieces[1].number * 10 + input.pieces[1].line, 25);
+  EXPECT_EQ(input.warnings.size(), 2u);
+  EXPECT_EQ(input.warnings[0].message + input.warnings[1].message, "openlost");
 }
