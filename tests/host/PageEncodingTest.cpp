@@ -6,6 +6,7 @@
 #include "CommandFolder.h"
 #include "Encoding.h"
 #include "Profile.h"
+#include "Utf8.h"
 
 using namespace qzhost;
 
@@ -167,4 +168,55 @@ TEST_F(PageEncodingTest, PhpOutputOutsideWindows1252BecomesACharacterReference) 
   EXPECT_TRUE(Has(run.output, "<qz:invisible><?php /* caf\xE9 */ echo") &&
               Has(run.output, "<font hilitecolor=\"Dyn Up-to-Date Color\">\xE9t\xE9 &#937;</font>"))
       << run.output;
+}
+
+// Pages and server outputs decoded as the command decodes them: what names
+// the encoding, which mark is kept apart, and what is warned about or
+// refused.
+TEST(PageDecodingTest, TheOptionTheMarkAndTheDeclarationEachName) {
+  struct Case {
+    std::string bytes, option;
+    ServerDeclaration server;
+    std::string read;  // "NAME, MARK BYTES: TEXT; WARNINGS", or the error
+  } cases[] = {
+      {std::string("\xFF\xFEx\0", 4), "UTF-16", ServerDeclaration::kNone, "UTF-16LE, 2: x; "},
+      {std::string("\0x", 2), "UTF-16", ServerDeclaration::kNone, "UTF-16BE, 0: x; "},
+      {"\xEF\xBB\xBFx", "utf8", ServerDeclaration::kNone, "UTF-8, 3: x; "},
+      {"\xEF\xBB\xBFx", "windows-1252", ServerDeclaration::kNone, "windows-1252, 0: \u00EF\u00BB\u00BFx; "},
+      {"<meta charset=utf-16>\xC3\xA9", "", ServerDeclaration::kNone, "UTF-8, 0: <meta charset=utf-16>\u00E9; "},
+      {"<meta charset=no-such>\xC3\xA9", "", ServerDeclaration::kNone,
+       "UTF-8, 0: <meta charset=no-such>\u00E9; the encoding no-such (<meta charset> on line 1) is unknown, so it "
+       "is passed over"},
+      {"<?php declare(encoding='ISO-8859-7'); ?>\xE1", "", ServerDeclaration::kPhpDeclare,
+       "ISO-8859-7, 0: <?php declare(encoding='ISO-8859-7'); ?>\u03B1; "},
+      {"<meta charset=Shift_JIS>\x87\x90\n\x81\x20", "", ServerDeclaration::kNone,
+       "page is not valid Shift_JIS (declared by <meta charset> on line 1): bad byte sequence at byte offset 27 "
+       "(line 2); give --encoding NAME if it is in another encoding"},
+      {std::string("\0\0\xFE\xFF", 4), "", ServerDeclaration::kNone,
+       "page begins with a UTF-32BE byte order mark; UTF-32 pages are not supported: save the page as UTF-8 or UTF-16"},
+      {std::string("a\0", 2), "", ServerDeclaration::kNone,
+       "page holds a NUL character at byte offset 1 (line 1), which a page cannot hold (a page in UTF-16 without a "
+       "byte order mark needs --encoding)"},
+  };
+  for (const Case& c : cases) {
+    std::u16string text;
+    PageEncoding encoding;
+    std::vector<std::string> warnings;
+    std::string error, read;
+    if (DecodePage(c.bytes, c.option, c.server, &text, &encoding, &warnings, &error)) {
+      read = encoding.name + ", " + std::to_string(encoding.mark.size()) + ": " + EncodeUtf8(text) + "; ";
+      for (const std::string& w : warnings) read += w;
+    } else {
+      read = "page " + error;
+    }
+    EXPECT_EQ(read, c.read);
+  }
+  // Outputs in a mark of their own, or one they may not have.
+  PageEncoding page{"windows-1252", "", EncodingSource::kDeclaration, "", {}};
+  std::u16string text;
+  std::string error;
+  EXPECT_TRUE(DecodeOutput(std::string("\xFE\xFF\0x", 4), page, "", &text, &error) && text == u"x");
+  EXPECT_FALSE(DecodeOutput(std::string("\xFF\xFE\0\0x\0\0\0", 8), page, "UTF-16LE", &text, &error));
+  EXPECT_FALSE(DecodeOutput(std::string("\xFF\xFE\0\0", 4), page, "", &text, &error));
+  EXPECT_EQ(error, "begins with a UTF-32LE byte order mark; UTF-32 is not supported");
 }

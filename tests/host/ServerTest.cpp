@@ -64,6 +64,7 @@ TEST(ServerTest, RunsInTheGivenFolderAndReportsHowItEnded) {
   EXPECT_EQ(ErrorTail(failed.errors), "line one\nfatal: boom");
   EXPECT_EQ(ErrorTail(failed.errors, 15), "fatal: boom");
   EXPECT_EQ(ErrorTail(""), "");
+  EXPECT_EQ(ErrorTail("one\r\n\r\n") + "|" + ErrorTail("abcdef", 3) + "|" + ErrorTail("ab\ncd\nef", 4), "one|def|ef");
 }
 
 TEST(ServerTest, NoServerOutlivesItsTimeLimitOrLeavesAProcessBehind) {
