@@ -129,7 +129,8 @@ TEST_F(FilesTest, PipesDevicesAndDescriptorsAreWrittenInPlace) {
 TEST_F(FilesTest, WhatCannotBeWrittenSaysWhyAndLeavesNothingBehind) {
   // Names that stand for descriptors, and near misses that are paths.
   const std::pair<std::string, int> descriptors[] = {
-      {"/dev/stdin", 0}, {"/dev/stderr", 2}, {"/proc/self/fd/1", 1}, {"/dev/fd/1x", -1}, {"/dev/fd/12345678901", -1}};
+      {"/dev/stdin", 0}, {"/dev/stderr", 2}, {"/proc/self/fd/1", 1}, {"/dev/fd/1x", -1}, {"/dev/fd/", -1},
+      {"/dev/fd/12345678901", -1}};
   for (const auto& [given, fd] : descriptors) {
     OutputTarget target;
     std::string error;
@@ -137,6 +138,9 @@ TEST_F(FilesTest, WhatCannotBeWrittenSaysWhyAndLeavesNothingBehind) {
     EXPECT_EQ(target.fd, fd) << given;
   }
   EXPECT_EQ(FolderOf("/x") + FolderOf("x"), "/.");
+  int readOnly = open("/dev/null", O_RDONLY);
+  EXPECT_NE(Write("/dev/fd/" + std::to_string(readOnly), "x").find("Bad file descriptor"), std::string::npos);
+  close(readOnly);
   // A socket cannot be opened, a full device takes no bytes, /proc no new
   // file; a link with an absolute target leads there.
   int sock = socket(AF_UNIX, SOCK_STREAM, 0);

@@ -123,6 +123,7 @@ TEST_F(LabelCheckTest, EditedOutputsNameTheirFaultsByPageLine) {
       {"loop back from a piece that never closes", output.substr(0, output.find("<!--QZVX 3")) + "<!--QZVX 1 -->",
        "cut-off@2"},
       {"write a label otherwise", Edited(output, "QZVX 2 ", "QZVX\t+02 "), "malformed@2"},
+      {"write a label without its last blank", Edited(output, "QZVX 2 -->", "QZVX 2-->"), "malformed@2"},
       {"drop a label's number", Edited(output, "QZVX 2 ", "QZVX "), "malformed@0 out-of-order@2 code-missing@2"},
       {"give a label a negative or a huge number",
        Edited(Edited(output, "QZVX 2 ", "QZVX -2 "), "QZVX 3 ", "QZVX 99999999999 "), "unknown@0 unknown@0 code-missing@2"},
@@ -139,6 +140,11 @@ TEST_F(LabelCheckTest, EditedOutputsNameTheirFaultsByPageLine) {
 }
 
 TEST_F(LabelCheckTest, AServerThatPrintsNothingOrIgnoresThePageIsToldPlainly) {
+  TranslationSession typed(engine, *FindProfile("php"));
+  std::u16string labelled;
+  std::string error;
+  ASSERT_TRUE(typed.Start(&error) && typed.Label(u"<!--QZVX 0 -->x<?= 1 ?>", &labelled, &error)) << error;
+  EXPECT_EQ(Findings(typed.Check(labelled)), "no-labels@0") << "labels typed into the page: nothing can be checked";
   std::string everyPiece =
       " code-missing@1 code-missing@2 code-missing@3 code-missing@3 code-missing@3 code-missing@4 code-missing@4 "
       "code-missing@5 code-missing@5 code-missing@5 code-missing@2";
