@@ -133,6 +133,12 @@ TEST_F(QzTranslateTest, FailuresSayWhy) {
         "has no entry function QZ_InitWrapper");
   Fails({"--check", Path("gone.aspx")}, 1, Path("gone.aspx") + ": No such file or directory");
   Fails({"--server", "cat", "--labelled", Path("no/l.php"), Path("page.php")}, 1, "cannot write the labelled page");
+  // Outputs that take no bytes.
+  Fails({"--labelled", "/dev/full", Path("page.php")}, 1, "cannot write the labelled page to /dev/full: No space");
+  Fails({"--server", "cat", "--labelled", "/dev/full", "-o", Path("o"), Path("page.php")}, 1, "the labelled page");
+  Fails({"--server", "cat", "--preview", "/dev/full", "-o", Path("o"), Path("page.php")}, 1, "write the preview");
+  Fails({"--server", "cat", "-o", "/dev/full", Path("page.php")}, 1, "cannot write the merged page to /dev/full");
+  EXPECT_EQ(Command({"--library", Path("none.so"), "--version"}).exitStatus, 1);
 
   // Merges the library rejects: the server stopped in the middle of the
   // directive's output; the page leaves an element whose content is not
@@ -208,6 +214,11 @@ TEST_F(QzTranslateTest, StandardInputAndOutputAndBothOutputsAtOnce) {
   std::string error, command = std::string(QZ_TRANSLATE_PATH) + " --profile php --server ";
   ASSERT_TRUE(RunServer(command + "cat -o " + Path("in.php") + " - <" + Path("in.php"), "/", "", &run, &error));
   EXPECT_TRUE(Has(run.errors, "it is the page itself (standard input)")) << run.errors;
+  ASSERT_TRUE(RunServer(command + "cat -o " + Path("o") + " " + Path("in.php") + " <&- >&-; echo $?", "/", "", &run,
+                        &error));
+  EXPECT_EQ(run.output + Read("o"), "0\n<b><?= 1 ?></b>") << "started without standard input and output";
+  ServerRun answer = Command({"--server-output", "-", Path("in.php")}, "<b><!--QZVX 0 -->1<!--QZVX 1 --></b>");
+  EXPECT_TRUE(Has(answer.output, "<qz:invisible><?= 1 ?></qz:invisible>")) << "the answer on standard input";
   std::string chatty = "'cat; head -c 70000 /dev/zero | tr \\\\0 e >&2; sleep 30 &' - <" + Path("in.php");
   ASSERT_TRUE(RunServer(command + chatty + " 2>&1 >/dev/null | grep -v ^eee", "/", "", &run, &error));
   EXPECT_EQ(run.output, "qztranslate: the server's standard error, its first 4464 bytes left out:\n"
@@ -298,7 +309,10 @@ TEST_F(QzTranslateTest, StrictRefusesAMergeThatWouldLoseServerCode) {
          Path("page.php")},
         1, "qztranslate: error: " + Path("page.php") + ": line 2: the server code `<?= 2 ?>` would be missing",
         "--strict: 1 problem with server code or labels; nothing was written");
-  EXPECT_EQ(Files(), 2);
+  Write("cut.php", "<p class=\"<?= 1 ?>\n<p class=\"<?= 2 ?>");
+  Fails({"--strict", "--server", "cat", Path("cut.php")}, 1, "error: " + Path("cut.php") + ": line 1: the tag",
+        "--strict: 1 problem");
+  EXPECT_EQ(Files(), 3);
 }
 
 TEST_F(QzTranslateTest, TranslatesThroughPhpInOneStepOrTwo) {
