@@ -54,19 +54,6 @@ TEST_F(Session, CallbacksRefuseWrongArgumentCounts) {
   EXPECT_EQ(r.result, qzhost::kTrue);
 }
 
-// The entry copies whole slots that lie within the size it is given and
-// registers through the define operation, which a host may lack.
-TEST_F(Session, EntryReadsOnlyTheSlotsItIsGiven) {
-  const size_t nRegistered = host.engine.Registrations().size();
-  std::vector<void*> longer(host.table.begin(), host.table.end());
-  longer.resize(60, reinterpret_cast<void*>(1));
-  EXPECT_NE(QZ_InitWrapper(longer.data(), 60 * sizeof(void*)), 0) << "slots past the 46th are not read";
-  EXPECT_EQ(QZ_InitWrapper(host.table.data(), 2 * sizeof(void*) - 1), 0) << "the define slot cut off";
-  EXPECT_EQ(QZ_InitWrapper(nullptr, 46 * sizeof(void*)), 0) << "no table";
-  EXPECT_EQ(host.engine.Registrations().size(), nRegistered + 15);
-  host.Install();
-}
-
 // A host may refuse to convert any argument. The callbacks then skip what
 // needs the text, still record offsets, and succeed; the pass ends, the
 // merge and the services fail without the texts they cannot do without, and

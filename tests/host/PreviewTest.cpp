@@ -1,7 +1,7 @@
 // The preview without a browser: how locks are matched to pieces, what the
-// file holds once every text in it is unescaped, the pieces read off the
-// labels, and the command's --preview option. What the preview looks like and
-// does in a browser is PreviewBrowserTest's.
+// file holds once every text in it is unescaped, and the pieces read off the
+// labels (the command's --preview option is QzTranslateTest's). What the
+// preview looks like and does in a browser is PreviewBrowserTest's.
 #include "Preview.h"
 
 #include <gtest/gtest.h>
@@ -10,11 +10,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
 
-#include "Files.h"
 #include "PreviewPieces.h"
-#include "Server.h"
 
 using namespace qzhost;
 
@@ -140,40 +137,6 @@ TEST(PreviewRenderTest, EveryTextComesBackWhole) {
   EXPECT_NE(policy.find("default-src 'none'"), std::string::npos) << policy;
   EXPECT_NE(policy.find("script-src 'nonce-" + Between(html, "<script nonce=\"", "\"") + "'"), std::string::npos);
   EXPECT_EQ(Between(html, "sandbox=\"", "\""), "allow-same-origin");
-}
-
-class PreviewCommandTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_NE(mkdtemp(folder), nullptr); }
-  void TearDown() override { std::filesystem::remove_all(folder); }
-  std::string Path(const std::string& name) { return folder + ("/" + name); }
-
-  ServerRun Command(const std::string& args) {
-    ServerRun run;
-    std::string error;
-    EXPECT_TRUE(RunServer(std::string(QZ_TRANSLATE_PATH) + " " + args, folder, "", &run, &error)) << error;
-    return run;
-  }
-
-  char folder[21] = "/tmp/qzpreviewXXXXXX";
-};
-
-TEST_F(PreviewCommandTest, PreviewIsWrittenWholeOrNotAtAll) {
-  const std::string page = std::string(QZ_EXAMPLES_DIR) + "/hello.aspx";
-  const std::string answer = page + ".server-output.html";
-  EXPECT_EQ(Command("--preview p.html --labelled l.aspx " + page).exitStatus, 2);
-  EXPECT_EQ(Command("--preview p.html -o p.html --server-output " + answer + " " + page).exitStatus, 1);
-  EXPECT_EQ(Command("--preview - --server-output " + answer + " " + page).exitStatus, 1);
-  EXPECT_EQ(Command("--preview p.html --server false " + page).exitStatus, 1);
-  EXPECT_EQ(Command("--preview missing/p.html -o m.html --server-output " + answer + " " + page).exitStatus, 1);
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 0) << "files were left behind";
-
-  ServerRun run = Command("--preview p.html -o m.html --server-output " + answer + " " + page);
-  EXPECT_EQ(run.exitStatus, 0) << run.errors;
-  std::string preview, error;
-  ASSERT_TRUE(ReadWholeFile(Path("p.html"), &preview, &error)) << error;
-  EXPECT_NE(preview.find("<title>Preview of hello.aspx</title>"), std::string::npos);
-  EXPECT_EQ(Count(preview, "class=\"qz-entry qz-piece\""), 7u);
 }
 
 TEST(PreviewPiecesTest, PiecesAndWarningsOfATranslation) {

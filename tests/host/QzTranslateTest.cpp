@@ -138,6 +138,17 @@ TEST_F(QzTranslateTest, FailuresSayWhy) {
   Fails({"--server", "cat", "--labelled", "/dev/full", "-o", Path("o"), Path("page.php")}, 1, "the labelled page");
   Fails({"--server", "cat", "--preview", "/dev/full", "-o", Path("o"), Path("page.php")}, 1, "write the preview");
   Fails({"--server", "cat", "-o", "/dev/full", Path("page.php")}, 1, "cannot write the merged page to /dev/full");
+  // The preview, which shows the merged page, is written with it or not at all.
+  const std::string aspx = std::string(QZ_EXAMPLES_DIR) + "/hello.aspx", answer = aspx + ".server-output.html";
+  Fails({"--preview", Path("p.html"), "--labelled", Path("l.aspx"), aspx}, 2, "--preview shows the merged page");
+  Fails({"--preview", Path("p.html"), "-o", Path("p.html"), "--server-output", answer, aspx}, 1, "the same file");
+  Fails({"--preview", "-", "--server-output", answer, aspx}, 1, "the same file");
+  Fails({"--preview", Path("p.html"), "--server", "false", aspx}, 1, "failed with exit status 1");
+  Fails({"--preview", Path("no/p.html"), "--server-output", answer, aspx}, 1, "cannot write the preview to");
+  EXPECT_FALSE(std::filesystem::exists(Path("p.html"))) << "a preview left behind";
+  EXPECT_EQ(Command({"--preview", Path("p.html"), "-o", Path("m.html"), "--server-output", answer, aspx}).exitStatus, 0);
+  const std::string preview = Read("p.html");
+  EXPECT_TRUE(Has(preview, "<title>Preview of hello.aspx</title>") && Has(preview, "qz-entry qz-piece\" tabindex"));
   EXPECT_EQ(Command({"--library", Path("none.so"), "--version"}).exitStatus, 1);
 
   // Merges the library rejects: the server stopped in the middle of the
