@@ -337,19 +337,6 @@ TEST_F(PrePass, StrayEventsAreIgnored) {
   EXPECT_EQ(Strings(gOpenTags), Texts{}) << "still in the pre mode after the end, the stack goes on";
 }
 
-// Regression: each search for a #...# pair started from the run's first
-// unit, so a long run of pairs in a zboutput block was quadratic (its time
-// is the benchmark's; here the run of 300 000 pairs must come out whole).
-TEST_F(PrePass, LongTextRunsOfPairs) {
-  BeginWith({u"zb"});
-  Scan(u"<zboutput>");
-  gOffsetArray.nSize = gOffsetTypeArray.nSize = 0;
-  std::u16string pairs;
-  for (int i = 0; i < 300000; ++i) pairs += u"#x#";
-  Call("text", {host.Str(pairs), host.Int(10)});
-  EXPECT_EQ(gOffsetArray.nSize, 600000);
-}
-
 // A pass without a session (no initialize) records nothing; after its end
 // the mode stays pre, with no settings left: no prefix, no directive.
 TEST_F(PrePass, EventsOutsideTheSessionOrThePass) {
