@@ -131,6 +131,7 @@ TEST_F(LabelCheckTest, EditedOutputsNameTheirFaultsByPageLine) {
       {"give the label attribute an unknown number", Edited(output, "qzvx=\"0\"", "qzvx=\"7\""), "unknown@0 code-missing@2"},
       {"give it a number that is no number", Edited(output, "qzvx=\"0\"", "qzvx=\"-7x\""), "malformed@0 code-missing@2"},
       {"hide a label in a script", Edited(output, "(<!--QZVX 2 -->)", "<script>$1</script>"), "malformed@0 out-of-order@2 code-missing@2"},
+      {"leave the label attribute without its value", Edited(output, "qzvx=\"0\"", "qzvx"), "moved@2 malformed@2"},
       {"put the label attribute last", Edited(output, " qzvx=\"0\"  (class=\"c\")", " $1 qzvx"), "moved@2 malformed@2"},
       {"print nothing but the labels", "<!--QZVX 0 --><!--QZVX 1 -->",
        "code-missing@2 code-missing@3 code-missing@3 code-missing@3 code-missing@4 code-missing@4 code-missing@5 "

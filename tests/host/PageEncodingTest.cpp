@@ -13,33 +13,18 @@ using namespace qzhost;
 namespace {
 
 struct Page {
-  std::string file;     // its name, whose extension picks the profile
+  std::string file;  // its name, whose extension picks the profile
   std::string bytes;
-  std::u16string text;  // what it must read as
 };
 
 // The page holding text, written in the encoding, after mark.
-Page Make(const std::string& file, const std::string& encoding, std::u16string text, const std::string& mark = "") {
-  return {file, mark + EncodeText(text, encoding), std::move(text)};
+Page Make(const std::string& file, const std::string& encoding, const std::u16string& text,
+          const std::string& mark = "") {
+  return {file, mark + EncodeText(text, encoding)};
 }
 
 class PageEncodingTest : public CommandFolder {
  protected:
-  // Reads the page as the command does and expects its text, found the
-  // way given, with no warning.
-  void ExpectRead(const Page& page, EncodingSource source) {
-    std::u16string text;
-    PageEncoding encoding;
-    std::vector<std::string> warnings;
-    std::string error;
-    const Profile* profile = ProfileForPath(page.file);
-    EXPECT_TRUE(DecodePage(page.bytes, "", profile->encodingDeclaration, &text, &encoding, &warnings, &error))
-        << page.file << ": " << error;
-    EXPECT_TRUE(text == page.text) << page.file << " read as " << encoding.name;
-    EXPECT_EQ(encoding.source, source) << page.file;
-    EXPECT_TRUE(warnings.empty()) << page.file << ": " << warnings.front();
-  }
-
   // Translates the page with a server that hands back what it gets (kept in
   // the file "received"), expects the page back byte for byte, and returns
   // what the command said.
@@ -66,7 +51,6 @@ TEST_F(PageEncodingTest, ByteOrderMarksAndUtf8ComeBackAsTheyWere) {
   };
   for (const Case& c : cases) {
     Page page = Make("page.php", c.encoding, text, c.mark);
-    ExpectRead(page, c.mark.empty() ? EncodingSource::kUtf8 : EncodingSource::kByteOrderMark);
     EXPECT_EQ(RoundTrip(page), "") << c.encoding;
     // The server gets the labelled page in the page's encoding, mark first.
     std::string received = Read("received");
@@ -116,7 +100,6 @@ TEST_F(PageEncodingTest, EachDeclarationIsReadInEachEncoding) {
       std::u16string text = std::u16string(declaration.begin(), declaration.end()) + u"\n<p>" + block + u" " +
                             e.text + u"</p>\n";
       Page page = Make(way.file, e.name, text);
-      ExpectRead(page, EncodingSource::kDeclaration);
       EXPECT_EQ(RoundTrip(page), "") << declaration;
     }
   }
@@ -179,11 +162,13 @@ TEST(PageDecodingTest, TheOptionTheMarkAndTheDeclarationEachName) {
     ServerDeclaration server;
     std::string read;  // "NAME, MARK BYTES: TEXT; WARNINGS", or the error
   } cases[] = {
+      {std::string("\xFF\xFEx\0", 4), "", ServerDeclaration::kNone, "UTF-16LE, 2: x; "},
       {std::string("\xFF\xFEx\0", 4), "UTF-16", ServerDeclaration::kNone, "UTF-16LE, 2: x; "},
       {std::string("\0x", 2), "UTF-16", ServerDeclaration::kNone, "UTF-16BE, 0: x; "},
       {"\xEF\xBB\xBFx", "utf8", ServerDeclaration::kNone, "UTF-8, 3: x; "},
       {"\xEF\xBB\xBFx", "windows-1252", ServerDeclaration::kNone, "windows-1252, 0: \u00EF\u00BB\u00BFx; "},
       {"<meta charset=utf-16>\xC3\xA9", "", ServerDeclaration::kNone, "UTF-8, 0: <meta charset=utf-16>\u00E9; "},
+      {"<meta charset=utf-32>", "", ServerDeclaration::kNone, "UTF-8, 0: <meta charset=utf-32>; "},
       {"<meta charset=no-such>\xC3\xA9", "", ServerDeclaration::kNone,
        "UTF-8, 0: <meta charset=no-such>\u00E9; the encoding no-such (<meta charset> on line 1) is unknown, so it "
        "is passed over"},

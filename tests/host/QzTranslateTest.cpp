@@ -75,6 +75,7 @@ TEST_F(QzTranslateTest, WrongCommandLinesGetAHintAndStatusTwo) {
   Fails({"--server", "cat", "--server-output", page, page}, 2, "not both");
   Fails({"--profile", "jsp", page}, 2, "unknown profile jsp");
   Fails({Path("page.txt")}, 2, "cannot tell the profile");
+  Fails({Path("page")}, 2, "cannot tell the profile");
   Fails({page, page}, 2, "only one page");
   Fails({page, "--labelled"}, 2, "--labelled needs a value");
   Fails({"--profile", "asp", page}, 2, "asp profile has no server of its own");
@@ -131,7 +132,7 @@ TEST_F(QzTranslateTest, FailuresSayWhy) {
   Fails({"--library", Path("none.so"), "--server", "cat", Path("page.php")}, 1, "cannot load the translator library");
   Fails({"--library", build + "/libchar16.so", "--server", "cat", Path("page.php")}, 1,
         "has no entry function QZ_InitWrapper");
-  Fails({"--check", Path("gone.aspx")}, 1, Path("gone.aspx") + ": No such file or directory");
+  Fails({"--check", Path("GONE.ASPX")}, 1, Path("GONE.ASPX") + ": No such file or directory");
   Fails({"--server", "cat", "--labelled", Path("no/l.php"), Path("page.php")}, 1, "cannot write the labelled page");
   // Outputs that take no bytes.
   Fails({"--labelled", "/dev/full", Path("page.php")}, 1, "cannot write the labelled page to /dev/full: No space");

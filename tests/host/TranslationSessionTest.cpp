@@ -220,27 +220,32 @@ TEST(TranslationSessionSequenceTest, CallsOutOfTurnAndALibraryThatMisbehaves) {
     EXPECT_EQ(error, "the library has no script function initialize");
   }
   EXPECT_EQ(LibraryBuildId("/no/such/library.so"), "");
+  // Each case: the function the library lacks, the one that fails, the end
+  // that returns no text; every other function succeeds, the ends with a text.
   struct Case {
-    NativeFn openTagBegin, endPreTranslate, endPostTranslate;
+    const char *missing, *failing, *textless;
     std::u16string page;
     std::string says;
   } cases[] = {
-      {&Fails, &GivesText, &GivesText, u"<p>a</p>", "the library's openTagBegin failed on the item at offset 0"},
-      {&Fails, &GivesText, &GivesText, u"a</p>", "the library has no script function closeTagBegin"},
-      {&Fails, &Succeeds, &GivesText, u"<?= 1 ?>", "the library's endPreTranslate returned no text"},
-      {&Fails, &Fails, &GivesText, u"<?= 1 ?>", "the library's endPreTranslate failed"},
-      {&Fails, &GivesText, &Succeeds, u"<?= 1 ?>", "the library's endPostTranslate returned no text"},
-      {&Fails, &GivesText, &Fails, u"<?= 1 ?>", "the library rejected the merge of the server's output"},
+      {"closeTagBegin", "openTagBegin", "", u"<p>a</p>", "the library's openTagBegin failed on the item at offset 0"},
+      {"closeTagBegin", "", "", u"a</p>", "the library has no script function closeTagBegin"},
+      {"", "beginPreTranslate", "", u"<?= 1 ?>", "the library's beginPreTranslate failed"},
+      {"", "endPreTranslate", "", u"<?= 1 ?>", "the library's endPreTranslate failed"},
+      {"", "", "endPreTranslate", u"<?= 1 ?>", "the library's endPreTranslate returned no text"},
+      {"", "beginPostTranslate", "", u"<?= 1 ?>", "the library's beginPostTranslate failed"},
+      {"", "endPostTranslate", "", u"<?= 1 ?>", "the library rejected the merge of the server's output"},
+      {"", "", "endPostTranslate", u"<?= 1 ?>", "the library's endPostTranslate returned no text"},
   };
   for (const Case& c : cases) {
     Engine engine;
     auto table = engine.Table();
     auto define = reinterpret_cast<intptr_t (*)(void*, const char*, NativeFn, int)>(table[kSlotDefineFunction]);
-    for (const char* name : {"initialize", "beginPreTranslate", "beginPostTranslate", "cleanup", "directive", "text"})
-      define(&engine, name, &Succeeds, 0);
-    define(&engine, "openTagBegin", c.openTagBegin, 0);
-    define(&engine, "endPreTranslate", c.endPreTranslate, 0);
-    define(&engine, "endPostTranslate", c.endPostTranslate, 0);
+    for (const ScriptFunctionName& f : kScriptFunctionNames) {
+      const std::string name = f.name;
+      if (name == c.missing) continue;
+      const bool bEnd = name == "endPreTranslate" || name == "endPostTranslate";
+      define(&engine, f.name, name == c.failing ? &Fails : bEnd && name != c.textless ? &GivesText : &Succeeds, 0);
+    }
     TranslationSession session(engine, *FindProfile("php"));
     EXPECT_TRUE(session.Start(&error));
     EXPECT_FALSE(session.Label(c.page, &labelled, &error) && session.Merge(u"text", &merged, &error));
