@@ -170,7 +170,7 @@ std::string FirstBlocks(bool bPost) {
                                       &gAttrValuesForServerTags, &gOpenTags};
   std::string names;
   for (int k = 0; k < 8; ++k)
-    if ((bPost ? post : pre)[k]->nCapacity <= 100) names += (bPost ? " post-pass array " : " array ") + std::to_string(k);
+    if ((bPost ? post : pre)[k]->nCapacity <= 100) names += (bPost ? " post array " : " array ") + std::to_string(k);
   for (int k = 0; k < 5 && !bPost; ++k)
     if (lists[k]->nCapacity <= 100) names += " list " + std::to_string(k);
   if (bPost && gEncodedAttrs.nCapacity <= 8192) names += " encoded attributes";

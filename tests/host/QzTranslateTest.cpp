@@ -147,7 +147,8 @@ TEST_F(QzTranslateTest, FailuresSayWhy) {
   Fails({"--preview", Path("p.html"), "--server", "false", aspx}, 1, "failed with exit status 1");
   Fails({"--preview", Path("no/p.html"), "--server-output", answer, aspx}, 1, "cannot write the preview to");
   EXPECT_FALSE(std::filesystem::exists(Path("p.html"))) << "a preview left behind";
-  EXPECT_EQ(Command({"--preview", Path("p.html"), "-o", Path("m.html"), "--server-output", answer, aspx}).exitStatus, 0);
+  ServerRun previewed = Command({"--preview", Path("p.html"), "-o", Path("m.html"), "--server-output", answer, aspx});
+  EXPECT_EQ(previewed.exitStatus, 0) << previewed.errors;
   const std::string preview = Read("p.html");
   EXPECT_TRUE(Has(preview, "<title>Preview of hello.aspx</title>") && Has(preview, "qz-entry qz-piece\" tabindex"));
   EXPECT_EQ(Command({"--library", Path("none.so"), "--version"}).exitStatus, 1);

@@ -172,8 +172,8 @@ TEST_F(TranslationSessionTest, PagesThatTheEndCutsOffTranslateAndSayWhatBecomesO
        "page, so it and all that follows are text; the server code in it (line 2) is not labelled"},
       {"asp", "<p>x</p><p class=\"x\"", "open-at-end line 1: the tag `<p class=\"x\"` has no \">\" before the end of "
        "the page; it and all that follows are kept as text"},
-      {"php", "<p>x</p><!-- note\r\nmore", "open-at-end line 1: `<!-- note...` is not closed before the end of the page; "
-       "it runs to the end"},
+      {"php", "<p>x</p><!-- note\r\nmore",
+       "open-at-end line 1: `<!-- note...` is not closed before the end of the page; it runs to the end"},
       {"asp", "<div runat=\"server\">\n<% x", "not-labelled line 2: `<% x` is not closed before the end of the page, "
        "and the library does not take it as server code here"},
   };
