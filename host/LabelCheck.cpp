@@ -39,7 +39,10 @@ std::string Snippet(std::u16string_view text) {
   size_t n = text.size() < 40 ? text.size() : 40;
   size_t lineEnd = text.substr(0, n).find_first_of(u"\r\n");
   if (lineEnd != std::u16string_view::npos) n = lineEnd;
-  return "`" + EncodeUtf8(text.substr(0, n)) + (n < text.size() ? "...`" : "`");
+  std::string shown = "`";
+  shown += EncodeUtf8(text.substr(0, n));
+  shown += n < text.size() ? "...`" : "`";
+  return shown;
 }
 
 // A number as the library reads a label: blanks, a sign, decimal digits,

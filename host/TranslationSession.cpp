@@ -19,7 +19,10 @@ std::string CutSnippet(std::u16string_view rest) {
   size_t shown = std::min<size_t>(rest.size(), 24);
   for (size_t i = 0; i < shown; ++i)
     if (rest[i] == u'\n' || rest[i] == u'\r') shown = i;
-  return "`" + EncodeUtf8(rest.substr(0, shown)) + (shown < rest.size() ? "...`" : "`");
+  std::string snippet = "`";
+  snippet += EncodeUtf8(rest.substr(0, shown));
+  snippet += shown < rest.size() ? "...`" : "`";
+  return snippet;
 }
 
 // Where text holds server code of the profile: a directive start, an
