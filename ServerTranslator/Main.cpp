@@ -282,13 +282,30 @@ int Text(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rval) {
 
 namespace {
 
+// Writes head, the decimal digits of number (not negative) and tail at out,
+// as the label formats put them; returns the end. LabelledPageSize counts
+// these units.
+template <size_t nHead, size_t nTail>
+char16_t* WriteLabel(char16_t* out, const char16_t (&head)[nHead], const char16_t (&tail)[nTail], int32_t number) {
+  std::memcpy(out, head, (nHead - 1) * sizeof(char16_t));
+  out += nHead - 1;
+  char16_t digits[10];
+  int nDigits = 0;
+  uint32_t n = static_cast<uint32_t>(number);
+  do {
+    digits[nDigits++] = static_cast<char16_t>(u'0' + n % 10);
+    n /= 10;
+  } while (n != 0);
+  while (nDigits > 0) *out++ = digits[--nDigits];
+  std::memcpy(out, tail, (nTail - 1) * sizeof(char16_t));
+  return out + nTail - 1;
+}
+
 // Writes the page with a label comment at every place of gOffsetArray and a
 // label attribute at every place of gAttrOffsetArray, into a new text sized
 // by LabelledPageSize. Returns null when memory runs out or a place is out of
 // order or beyond the page, in which case nothing is left allocated.
 char16_t* InsertLabels(const char16_t* page) {
-  static const char16_t* const kCommentFormat = char16_literal(kLabelCommentFormat);
-  static const char16_t* const kAttrFormat = char16_literal(kLabelAttrFormat);
   const int64_t nPage = static_cast<int64_t>(TextLength(page));
   const int32_t nOff = gOffsetArray.nSize;
   const int32_t nAttr = gAttrOffsetArray.nSize;
@@ -310,9 +327,8 @@ char16_t* InsertLabels(const char16_t* page) {
     }
     std::memcpy(outPtr, page + p, static_cast<size_t>(o - p) * sizeof(char16_t));
     outPtr += o - p;
-    size_t room = static_cast<size_t>(outSize - (outPtr - outText));
-    char16_swprintf(outPtr, room, bComment ? kCommentFormat : kAttrFormat, bComment ? i++ : j++);
-    outPtr += TextLength(outPtr);
+    outPtr = bComment ? WriteLabel(outPtr, kLabelCommentHead, kLabelCommentTail, i++)
+                      : WriteLabel(outPtr, kLabelAttrHead, kLabelAttrTail, j++);
     p = o;
   }
   std::memcpy(outPtr, page + p, static_cast<size_t>(nPage - p + 1) * sizeof(char16_t));

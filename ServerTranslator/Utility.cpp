@@ -86,7 +86,7 @@ char16_t* EncodeURL(const char16_t* text, int32_t length) {
   char16_t* result = TextAlloc(3 * n + 1);
   if (!result) return nullptr;
 
-  const char16_t* escape = char16_literal(u"%%%02X");
+  static const char16_t kHexDigits[] = u"0123456789ABCDEF";
   char16_t* out = result;
   for (int64_t i = 0; i < n; ++i) {
     char16_t u = text[i];
@@ -97,8 +97,10 @@ char16_t* EncodeURL(const char16_t* text, int32_t length) {
       *out++ = u;
       continue;
     }
-    char16_swprintf(out, 4, escape, u);
-    out += 3;
+    // Only units below 128 are escaped: two upper-case hex digits each.
+    *out++ = u'%';
+    *out++ = kHexDigits[u >> 4];
+    *out++ = kHexDigits[u & 15];
   }
   *out = 0;
   return result;

@@ -1,90 +1,195 @@
-// Throughput of whole translations (pre pass, a server that hands the
-// labelled page back with its directives replaced, post pass) on ordinary
-// and hostile pages. Every pass must stay linear: the time per unit should
-// not grow with the page.
+// Throughput and memory of translations, each figure beside a yardstick
+// measured in the same run, since this machine is shared and noisy:
+//
+// - Library/SHAPE: the library's own work. The scanner's events of both
+//   passes are recorded once and replayed into the natives (Replay.h);
+//   every iteration also copies the page's UTF-16 bytes with memcpy, and
+//   the counter x_memcpy is the library's median time over memcpy's.
+// - Translate/SHAPE/MB: a whole translation in this process (scanning,
+//   engine, library; the stand-in server left out) of pages of 1, 4, 16 and
+//   64 MB, time per page unit; peak_per_byte is the rise of the resident set
+//   of a fresh process (qzprobe) that translates the same page, over the
+//   page's UTF-16 bytes.
+//
+// After the run a table sums up, per shape, the time per unit at each size,
+// the ratio of 64 MB to 1 MB, and the peaks.
 #include <benchmark/benchmark.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "Engine.h"
 #include "Main.h"
-#include "Session.h"
+#include "Pages.h"
+#include "Replay.h"
 #include "TranslationSession.h"
 
 namespace {
 
-// Ordinary page: paragraphs with a directive, a tag with attributes and a
-// server-computed attribute value each.
-std::u16string OrdinaryPage(int64_t n) {
-  std::u16string page = u"<html><head><title>t</title></head><body>\n";
-  for (int64_t i = 0; i < n; ++i)
-    page += u"<p class=\"row\">Item <?= $i ?> <a href=\"/x?id=<?= $i ?>\">link</a></p>\n";
-  return page + u"</body></html>\n";
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kMB = size_t{1} << 20;
+const size_t kSizesMB[] = {1, 4, 16, 64};
+
+double Median(std::vector<double> v) {
+  if (v.empty()) return 0;
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
 }
 
-// Hostile page: void elements that are never closed, then stray close tags.
-std::u16string UnclosedPage(int64_t n) {
-  std::u16string page;
-  for (int64_t i = 0; i < n; ++i) page += u"<br>";
-  for (int64_t i = 0; i < n; ++i) page += u"</p>";
-  return page;
+// Seconds that memcpy takes over n bytes, the destination faulted in first.
+double MemcpySeconds(const void* from, size_t n) {
+  static std::vector<char> to;
+  if (to.size() < n) to.assign(n, 1);
+  auto t0 = Clock::now();
+  std::memcpy(to.data(), from, n);
+  benchmark::ClobberMemory();
+  return std::chrono::duration<double>(Clock::now() - t0).count();
 }
 
-// Hostile page: deep nesting of one element.
-std::u16string NestedPage(int64_t n) {
-  std::u16string page;
-  for (int64_t i = 0; i < n; ++i) page += u"<div class=\"d\">";
-  page += u"<?= 1 ?>";
-  for (int64_t i = 0; i < n; ++i) page += u"</div>";
-  return page;
-}
+struct Row {
+  double nsPerUnit[4] = {};
+  double peakPerByte[4] = {};
+  double libraryMemcpy = 0;
+  double libraryUnitsPerSecond = 0;
+};
+std::map<std::string, Row> gRows;
 
-// The "server": every directive's code becomes the text "out".
-std::u16string RunDirectives(const std::u16string& labelled) {
-  std::u16string out;
-  size_t p = 0;
-  for (;;) {
-    size_t open = labelled.find(u"<?", p);
-    if (open == std::u16string::npos) break;
-    size_t close = labelled.find(u"?>", open);
-    if (close == std::u16string::npos) break;
-    out.append(labelled, p, open - p);
-    out += u"out";
-    p = close + 2;
+void Library(benchmark::State& state, qzbench::ShapeInfo shape) {
+  std::u16string page = qzbench::MakePage(shape.shape, kMB);
+  qzbench::Replay replay;
+  if (!replay.Record(page, qzbench::BenchProfile())) {
+    state.SkipWithError("the library refused the page");
+    return;
   }
-  out.append(labelled, p, std::u16string::npos);
-  return out;
+  std::vector<double> lib, copy;
+  for (auto _ : state) {
+    auto t0 = Clock::now();
+    bool ok = replay.Run();
+    double seconds = std::chrono::duration<double>(Clock::now() - t0).count();
+    if (!ok) {
+      state.SkipWithError("a native failed");
+      return;
+    }
+    state.SetIterationTime(seconds);
+    lib.push_back(seconds);
+    copy.push_back(MemcpySeconds(page.data(), page.size() * sizeof(char16_t)));
+  }
+  Row& row = gRows[shape.name];
+  row.libraryMemcpy = Median(lib) / Median(copy);
+  row.libraryUnitsPerSecond = static_cast<double>(page.size()) / Median(lib);
+  state.counters["units_per_s"] = row.libraryUnitsPerSecond;
+  state.counters["x_memcpy"] = row.libraryMemcpy;
 }
 
-void Translate(benchmark::State& state, std::u16string (*make)(int64_t)) {
-  std::u16string page = make(state.range(0));
-  const qzhost::Profile* profile = qzhost::FindProfile("php");
+// The peak of a fresh qzprobe over the same page, per UTF-16 byte; -1 when
+// it cannot be measured.
+double ProbePeak(const char* shape, size_t units) {
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(fds[1], 1);
+    close(fds[0]);
+    std::string n = std::to_string(units);
+    execl(QZ_PROBE_PATH, "qzprobe", shape, n.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(fds[1]);
+  char text[256] = {};
+  ssize_t got = read(fds[0], text, sizeof text - 1);
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  unsigned long long pageUnits = 0, peak = 0;
+  double seconds = 0;
+  if (got <= 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0 ||
+      std::sscanf(text, "%llu %lf %llu", &pageUnits, &seconds, &peak) != 3 || pageUnits == 0)
+    return -1;
+  return static_cast<double>(peak) / (2.0 * static_cast<double>(pageUnits));
+}
+
+void Translate(benchmark::State& state, qzbench::ShapeInfo shape, int sizeIndex) {
+  const size_t units = kSizesMB[sizeIndex] * kMB;
+  std::u16string page = qzbench::MakePage(shape.shape, units);
+  qzhost::Engine engine;
+  auto table = engine.Table();
+  QZ_InitWrapper(table.data(), static_cast<uint32_t>(table.size() * sizeof(void*)));
+  std::vector<double> times;
   for (auto _ : state) {
-    qzhost::Engine engine;
-    auto table = engine.Table();
-    QZ_InitWrapper(table.data(), static_cast<uint32_t>(table.size() * sizeof(void*)));
-    qzhost::TranslationSession session(engine, *profile);
+    qzhost::TranslationSession session(engine, qzbench::BenchProfile());
     std::u16string labelled, merged;
     std::string error;
-    if (!session.Start(&error) || !session.Label(page, &labelled, &error) ||
-        !session.Merge(RunDirectives(labelled), &merged, &error)) {
+    auto t0 = Clock::now();
+    bool ok = session.Start(&error) && session.Label(page, &labelled, &error);
+    auto t1 = Clock::now();
+    std::u16string output = ok ? qzbench::StandInServer(labelled) : u"";
+    auto t2 = Clock::now();
+    ok = ok && session.Merge(output, &merged, &error);
+    auto t3 = Clock::now();
+    if (!ok) {
       state.SkipWithError(error.c_str());
       return;
     }
-    benchmark::DoNotOptimize(merged.data());
+    double seconds = std::chrono::duration<double>((t1 - t0) + (t3 - t2)).count();
+    state.SetIterationTime(seconds);
+    times.push_back(seconds);
   }
-  state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(page.size()));
-  state.SetLabel("units of page");
+  Row& row = gRows[shape.name];
+  row.nsPerUnit[sizeIndex] = Median(times) * 1e9 / static_cast<double>(page.size());
+  row.peakPerByte[sizeIndex] = ProbePeak(shape.name, units);
+  state.counters["ns_per_unit"] = row.nsPerUnit[sizeIndex];
+  state.counters["peak_per_byte"] = row.peakPerByte[sizeIndex];
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(page.size()));
 }
 
-void BM_Ordinary(benchmark::State& state) { Translate(state, OrdinaryPage); }
-void BM_Unclosed(benchmark::State& state) { Translate(state, UnclosedPage); }
-void BM_Nested(benchmark::State& state) { Translate(state, NestedPage); }
+void PrintSummary() {
+  std::printf("\n%-10s %9s %9s %9s %9s %8s %7s %7s %7s %7s %9s %9s\n", "shape", "ns/u 1MB", "4MB", "16MB", "64MB",
+              "64/1", "pk 1MB", "4MB", "16MB", "64MB", "lib x mc", "lib MB/s");
+  for (const qzbench::ShapeInfo& s : qzbench::Shapes()) {
+    auto it = gRows.find(s.name);
+    if (it == gRows.end()) continue;
+    const Row& r = it->second;
+    double ratio = r.nsPerUnit[0] > 0 ? r.nsPerUnit[3] / r.nsPerUnit[0] : 0;
+    std::printf("%-10s %9.2f %9.2f %9.2f %9.2f %8.2f %7.2f %7.2f %7.2f %7.2f %9.1f %9.0f\n", s.name, r.nsPerUnit[0],
+                r.nsPerUnit[1], r.nsPerUnit[2], r.nsPerUnit[3], ratio, r.peakPerByte[0], r.peakPerByte[1],
+                r.peakPerByte[2], r.peakPerByte[3], r.libraryMemcpy, 2 * r.libraryUnitsPerSecond / 1e6);
+  }
+}
 
-BENCHMARK(BM_Ordinary)->RangeMultiplier(10)->Range(100, 10000)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Unclosed)->RangeMultiplier(10)->Range(1000, 100000)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Nested)->RangeMultiplier(10)->Range(100, 10000)->Unit(benchmark::kMillisecond);
+void Register() {
+  for (const qzbench::ShapeInfo& s : qzbench::Shapes())
+    benchmark::RegisterBenchmark((std::string("Library/") + s.name).c_str(), Library, s)
+        ->UseManualTime()
+        ->Iterations(15)
+        ->Unit(benchmark::kMillisecond);
+  for (const qzbench::ShapeInfo& s : qzbench::Shapes()) {
+    for (int k = 0; k < 4; ++k) {
+      const int iterations[] = {9, 5, 3, 3};
+      benchmark::RegisterBenchmark((std::string("Translate/") + s.name + "/" + std::to_string(kSizesMB[k]) + "MB").c_str(),
+                                   Translate, s, k)
+          ->UseManualTime()
+          ->Iterations(iterations[k])
+          ->Unit(benchmark::kMillisecond);
+    }
+  }
+}
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  Register();
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  PrintSummary();
+  return 0;
+}
