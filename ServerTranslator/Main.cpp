@@ -173,6 +173,13 @@ int Succeed(ScriptValue* rval) {
   return 1;
 }
 
+// True when the NUL-ended text begins with the label comment's lead, exactly.
+bool BeginsWithLead(const char16_t* text) {
+  for (size_t i = 0; kLabelCommentLead[i] != 0; ++i)
+    if (text[i] != kLabelCommentLead[i]) return false;
+  return true;
+}
+
 // True when text is the whole word "title", ignoring case.
 bool IsTitle(const char16_t* text) {
   static const char16_t* const kTitle = char16_literal(u"title");
@@ -190,8 +197,10 @@ int Directive(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rv
     PreDirective(text.text, text.length, offset);
     return Succeed(rval);
   }
+  // Only a directive that begins with the label's lead can scan as one;
+  // the others are passed over without the scanner.
   int label = 0;
-  if (char16_swscanf(text.text, char16_literal(kLabelCommentScan), &label) == 1)
+  if (BeginsWithLead(text.text) && char16_swscanf(text.text, char16_literal(kLabelCommentScan), &label) == 1)
     PostRecordLabelComment(offset, text.length, label);
   return Succeed(rval);
 }
@@ -304,8 +313,9 @@ char16_t* WriteLabel(char16_t* out, const char16_t (&head)[nHead], const char16_
 // Writes the page with a label comment at every place of gOffsetArray and a
 // label attribute at every place of gAttrOffsetArray, into a new text sized
 // by LabelledPageSize. Returns null when memory runs out or a place is out of
-// order or beyond the page, in which case nothing is left allocated.
-char16_t* InsertLabels(const char16_t* page) {
+// order or beyond the page, in which case nothing is left allocated. Its
+// length goes to *pLength.
+char16_t* InsertLabels(const char16_t* page, int64_t* pLength) {
   const int64_t nPage = static_cast<int64_t>(TextLength(page));
   const int32_t nOff = gOffsetArray.nSize;
   const int32_t nAttr = gAttrOffsetArray.nSize;
@@ -334,6 +344,7 @@ char16_t* InsertLabels(const char16_t* page) {
   std::memcpy(outPtr, page + p, static_cast<size_t>(nPage - p + 1) * sizeof(char16_t));
   outPtr += nPage - p;
   QZ_ASSERT(outPtr - outText < outSize);
+  *pLength = outPtr - outText;
   return outText;
 }
 
@@ -347,9 +358,10 @@ int EndPreTranslate(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptVal
   int32_t nReported = 0;
   const char16_t* page = HostValueToString(cx, argv[0], &nReported);
   if (!page) return 0;
-  char16_t* outText = InsertLabels(page);
+  int64_t nOut = 0;
+  char16_t* outText = InsertLabels(page, &nOut);
   if (!outText) return 0;
-  int result = HostStringToValue(cx, outText, rval);
+  int result = HostStringToValue(cx, outText, rval, static_cast<size_t>(nOut));
   MemFree(outText);
   return result;
 }
@@ -477,7 +489,8 @@ bool AddLocks(const char16_t* origText, const char16_t* labelFree, int64_t nLabe
 // attribute text replaced by the page's and followed by its translated-value
 // attribute (AttrMergeTag). Returns the new text, or null with nothing held
 // when memory runs out or a labelled tag does not fit as AttrMergeTag says.
-char16_t* AddAttributes(const char16_t* origText, const char16_t* lockedText, int64_t nLocked) {
+// Its length goes to *pLength.
+char16_t* AddAttributes(const char16_t* origText, const char16_t* lockedText, int64_t nLocked, int64_t* pLength) {
   const int64_t outSize = AttrMergeSize(nLocked);
   char16_t* outText = TextAlloc(outSize);
   if (!outText) return nullptr;
@@ -492,6 +505,7 @@ char16_t* AddAttributes(const char16_t* origText, const char16_t* lockedText, in
   }
   const char16_t* outPtr = merge.outPtr;
   QZ_ASSERT(outPtr - outText < outSize);
+  *pLength = outPtr - outText;
   return outText;
 }
 
@@ -535,10 +549,13 @@ int EndPostTranslate(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptVa
     MemFree(labelFree);
     return 0;
   }
-  char16_t* merged = AddAttributes(origText, locked.pData, locked.nSize - 1);
-  int result = merged ? HostStringToValue(cx, merged, rval) : 0;
+  // Each stage's input is released as soon as the next stage has its text,
+  // so that at most two texts of the merged page's size are held at once.
   MemFree(labelFree);
+  int64_t nMerged = 0;
+  char16_t* merged = AddAttributes(origText, locked.pData, locked.nSize - 1, &nMerged);
   MemFree(locked.pData);
+  int result = merged ? HostStringToValue(cx, merged, rval, static_cast<size_t>(nMerged)) : 0;
   MemFree(merged);
   return result;
 }

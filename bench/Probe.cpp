@@ -1,3 +1,6 @@
+// qzprobe SHAPE UNITS --page: writes that page to standard output (ASCII,
+// so also UTF-8), for the benchmarks of the whole command.
+//
 // qzprobe SHAPE UNITS [REPEATS]: translates a page of one shape in this
 // process, as the stand-in host does (scanning, engine, library), with the
 // stand-in server, and prints
@@ -48,6 +51,10 @@ int main(int argc, char** argv) {
   for (const qzbench::ShapeInfo& s : qzbench::Shapes())
     if (std::strcmp(s.name, argv[1]) == 0) shape = &s;
   size_t units = std::strtoull(argv[2], nullptr, 10);
+  if (argc > 3 && std::strcmp(argv[3], "--page") == 0 && shape) {
+    std::string bytes = qzbench::AsciiBytes(qzbench::MakePage(shape->shape, units));
+    return std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size() ? 0 : 1;
+  }
   int repeats = argc > 3 ? std::atoi(argv[3]) : 1;
   if (!shape || units == 0 || repeats < 1) {
     std::fprintf(stderr, "qzprobe: unknown shape or bad size\n");
@@ -57,18 +64,22 @@ int main(int argc, char** argv) {
   auto table = engine.Table();
   QZ_InitWrapper(table.data(), static_cast<uint32_t>(table.size() * sizeof(void*)));
   const long long base = StatusBytes("VmRSS");
-  std::u16string page = qzbench::MakePage(shape->shape, units);
+  size_t nPage = 0;
   double best = 1e30;
   for (int r = 0; r < repeats; ++r) {
     qzhost::TranslationSession session(engine, qzbench::BenchProfile());
     std::u16string labelled, merged;
     std::string error;
+    // The session takes the page over, as the command gives it its only copy.
+    std::u16string taken = qzbench::MakePage(shape->shape, units);
+    nPage = taken.size();
     auto t0 = std::chrono::steady_clock::now();
-    bool ok = session.Start(&error) && session.Label(page, &labelled, &error);
+    bool ok = session.Start(&error) && session.Label(std::move(taken), &labelled, &error);
     auto t1 = std::chrono::steady_clock::now();
     std::u16string output = ok ? qzbench::StandInServer(labelled) : u"";
+    labelled = std::u16string();
     auto t2 = std::chrono::steady_clock::now();
-    ok = ok && session.Merge(output, &merged, &error);
+    ok = ok && session.Merge(std::move(output), &merged, &error);
     auto t3 = std::chrono::steady_clock::now();
     if (!ok) {
       std::fprintf(stderr, "qzprobe: %s\n", error.c_str());
@@ -77,6 +88,6 @@ int main(int argc, char** argv) {
     double seconds = std::chrono::duration<double>((t1 - t0) + (t3 - t2)).count();
     if (seconds < best) best = seconds;
   }
-  std::printf("%zu %.6f %lld\n", page.size(), best, StatusBytes("VmHWM") - base);
+  std::printf("%zu %.6f %lld\n", nPage, best, StatusBytes("VmHWM") - base);
   return 0;
 }

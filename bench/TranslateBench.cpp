@@ -128,11 +128,12 @@ void Translate(benchmark::State& state, qzbench::ShapeInfo shape, int sizeIndex)
     std::u16string labelled, merged;
     std::string error;
     auto t0 = Clock::now();
-    bool ok = session.Start(&error) && session.Label(page, &labelled, &error);
+    std::u16string taken = page;  // the session takes its page over, as the command does
+    bool ok = session.Start(&error) && session.Label(std::move(taken), &labelled, &error);
     auto t1 = Clock::now();
     std::u16string output = ok ? qzbench::StandInServer(labelled) : u"";
     auto t2 = Clock::now();
-    ok = ok && session.Merge(output, &merged, &error);
+    ok = ok && session.Merge(std::move(output), &merged, &error);
     auto t3 = Clock::now();
     if (!ok) {
       state.SkipWithError(error.c_str());

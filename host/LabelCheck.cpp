@@ -455,6 +455,18 @@ bool LocateLabels(std::u16string_view page, std::u16string_view labelled, LabelP
   std::u16string comment = CommentLabel(0), attr = AttrLabel(0);
   size_t p = 0, q = 0;
   while (q < labelled.size()) {
+    // Up to the next place where a label could start, the two texts must
+    // be equal: compared as one run rather than unit by unit.
+    size_t run = q;
+    while (run + 1 < labelled.size() && !((labelled[run] == u'<' && labelled[run + 1] == u'!') ||
+                                          (labelled[run] == u' ' && labelled[run + 1] == u'q')))
+      ++run;
+    if (run > q) {
+      size_t n = run - q;
+      if (p + n > page.size() || labelled.substr(q, n) != page.substr(p, n)) return false;
+      p += n;
+      q += n;
+    }
     char16_t u = labelled[q];
     char16_t next = q + 1 < labelled.size() ? labelled[q + 1] : u'\0';
     if (u == u'<' && next == u'!' && labelled.substr(q, comment.size()) == comment) {
