@@ -131,10 +131,7 @@ bool IsUncolouredTag(const char16_t* origText, int64_t o, int64_t end) {
 // usable (LockFormatIsUsable), so these are the only conversions in it.
 bool AppendLockOpening(LockContext* ctx, int64_t o, int64_t nCode) {
   if (!ctx->bLockFormatUsable) return false;
-  char16_t* code = EncodeURL(ctx->origText + o, static_cast<int32_t>(nCode));
-  if (!code) return false;
   static const char16_t kPercentLs[] = u"%ls";
-  const int64_t nEncoded = static_cast<int64_t>(TextLength(code));
   const char16_t* format = ctx->lockBeginFormat;
   bool bOk = true;
   int64_t from = 0, i = 0;
@@ -149,14 +146,12 @@ bool AppendLockOpening(LockContext* ctx, int64_t o, int64_t nCode) {
       bOk = bOk && (bPercentS ? Append(ctx, kPercentLs, 3) : Append(ctx, format + i, 1));
       i += bPercentS ? 3 : 2;
     } else {
-      bOk = bOk && Append(ctx, code, nEncoded);
+      bOk = bOk && EncodeURLAppend(ctx->locked, ctx->origText + o, static_cast<int32_t>(nCode));
       i += format[i + 1] == u's' ? 2 : 3;
     }
     from = i;
   }
-  bOk = bOk && Append(ctx, format + from, i - from);
-  MemFree(code);
-  return bOk;
+  return bOk && Append(ctx, format + from, i - from);
 }
 
 // The piece's output with highlight markup; the merge's tag index is built

@@ -173,13 +173,6 @@ int Succeed(ScriptValue* rval) {
   return 1;
 }
 
-// True when the NUL-ended text begins with the label comment's lead, exactly.
-bool BeginsWithLead(const char16_t* text) {
-  for (size_t i = 0; kLabelCommentLead[i] != 0; ++i)
-    if (text[i] != kLabelCommentLead[i]) return false;
-  return true;
-}
-
 // True when text is the whole word "title", ignoring case.
 bool IsTitle(const char16_t* text) {
   static const char16_t* const kTitle = char16_literal(u"title");
@@ -197,10 +190,8 @@ int Directive(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rv
     PreDirective(text.text, text.length, offset);
     return Succeed(rval);
   }
-  // Only a directive that begins with the label's lead can scan as one;
-  // the others are passed over without the scanner.
-  int label = 0;
-  if (BeginsWithLead(text.text) && char16_swscanf(text.text, char16_literal(kLabelCommentScan), &label) == 1)
+  int32_t label = 0;
+  if (ReadLabelComment(text.text, &label))
     PostRecordLabelComment(offset, text.length, label);
   return Succeed(rval);
 }
@@ -379,6 +370,28 @@ int EndPreTranslate(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptVal
 
 namespace {
 
+// IntArrayGetNext4 over arrays read as far as the given counts, written
+// out for the label removal, which asks once per label and tag of the
+// output: the array whose next element is smallest, the later one at equal
+// values. At least one array has an element left.
+inline IntArray* NextOfFour(IntArray* a0, int32_t i0, int32_t n0, IntArray* a1, int32_t i1, int32_t n1, IntArray* a2,
+                            int32_t i2, int32_t n2, IntArray* a3, int32_t i3, int32_t n3) {
+  IntArray* best = nullptr;
+  int32_t bestValue = 0;
+  auto consider = [&](IntArray* a, int32_t i, int32_t n) {
+    if (i < n && (!best || a->pData[i] <= bestValue)) {
+      best = a;
+      bestValue = a->pData[i];
+    }
+  };
+  consider(a0, i0, n0);
+  consider(a1, i1, n1);
+  consider(a2, i2, n2);
+  consider(a3, i3, n3);
+  QZ_ASSERT(best != nullptr);
+  return best;
+}
+
 // Cuts every label out of serverText and rewrites the offsets recorded in
 // the post pass into offsets of the label-free text; the attribute-text
 // lengths of labelled tags lose the label attribute's length. Returns the
@@ -412,7 +425,7 @@ char16_t* RemoveLabels(const char16_t* serverText, int64_t* pLength) {
   while (bFits && (i < nComments || j < nAttrs || k < nBegins || l < nEnds)) {
     // A comment entry past nComments lacks its length or number: it is
     // not looked at, as if the array ended there.
-    IntArray* next = IntArrayGetNext4(comments, i < nComments ? i : comments->nSize, attrs, j, begins, k, ends, l);
+    IntArray* next = NextOfFour(comments, i, nComments, attrs, j, nAttrs, begins, k, nBegins, ends, l, nEnds);
     const int64_t pos = inPtr - serverText;
     int64_t v, cut;
     if (next == begins || next == ends) {

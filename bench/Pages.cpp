@@ -33,6 +33,18 @@ std::u16string Nested(size_t units) {
   return page;
 }
 
+// Half the page open tags never closed, then close tags of elements never
+// opened, each of a name of its own: a close tag whose name the open-tag
+// stack is searched for and never holds.
+std::u16string StrayClose(size_t units) {
+  std::u16string page = Repeat(u"<?= 1 ?>", u"<div>", units / 2);
+  for (size_t i = 0; page.size() < units; ++i) {
+    std::string name = "</x" + std::to_string(i) + ">";
+    page.append(name.begin(), name.end());
+  }
+  return page;
+}
+
 }  // namespace
 
 const std::vector<ShapeInfo>& Shapes() {
@@ -49,7 +61,7 @@ std::u16string MakePage(Shape shape, size_t units) {
     case Shape::kRealistic: return Realistic(units);
     case Shape::kUnclosed: return Repeat(u"", u"<p class=\"a\"><b>text ", units);
     case Shape::kNested: return Nested(units);
-    case Shape::kStrayClose: return Repeat(u"<?= 1 ?>", u"</p></span>", units);
+    case Shape::kStrayClose: return StrayClose(units);
     case Shape::kPieces: return Repeat(u"", u"<?=1?>", units);
     case Shape::kAttrCode: return Repeat(u"", u"<a href=\"<?= $u ?>\" id=\"x\">l</a>", units);
     case Shape::kHashRuns: return Repeat(u"<zboutput>", u"#(", units, u"</zboutput>");

@@ -17,7 +17,7 @@ enum class Shape {
   kRealistic,   // a table of rows, each with a directive, a server-computed attribute and plain text
   kUnclosed,    // open tags never closed
   kNested,      // one element nested as deep as the page allows, a directive at the bottom
-  kStrayClose,  // close tags that no open tag matches
+  kStrayClose,  // close tags, each of its own name, that no open tag matches, under unclosed ones
   kPieces,      // many small pieces of server code
   kAttrCode,    // ordinary tags whose attributes hold server code
   kHashRuns,    // a server block whose text is one long run of "#("

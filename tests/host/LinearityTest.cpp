@@ -3,7 +3,8 @@
 // apart, by qzprobe in a child process under a time limit, so that a pass
 // gone quadratic fails this test instead of hanging the suite. A quadratic
 // pass makes the larger page cost eight times as much per unit; the bound
-// leaves room for a noisy machine. The peak memory of the larger page is
+// of four leaves room for a noisy machine (times are the probe's processor
+// time, the fastest of a few runs). The peak memory of the larger page is
 // held to a bound per unit as well, so that a pass that starts to hold
 // copies of the page fails here.
 #include <gtest/gtest.h>
@@ -104,12 +105,12 @@ constexpr ShapeBound kShapes[] = {
 TEST(Linearity, EveryShapeCostsTheSamePerUnitAtEightTimesTheSize) {
   for (const ShapeBound& s : kShapes) {
     SCOPED_TRACE(s.shape);
-    Probe small = RunProbe(s.shape, kSmall, 3);
-    Probe large = RunProbe(s.shape, kLarge, 2);
+    Probe small = RunProbe(s.shape, kSmall, 5);
+    Probe large = RunProbe(s.shape, kLarge, 3);
     ASSERT_TRUE(small.ok) << small.failure;
     ASSERT_TRUE(large.ok) << large.failure;
     double ratio = (large.seconds / kLarge) / (small.seconds / kSmall);
-    EXPECT_LT(ratio, 3.0) << "time per unit at " << kLarge << " units over that at " << kSmall;
+    EXPECT_LT(ratio, 4.0) << "time per unit at " << kLarge << " units over that at " << kSmall;
     if (kCheckMemory) {
       EXPECT_LT(large.peakPerByte, s.peakPerByte) << "peak memory per UTF-16 byte of the page";
     }
