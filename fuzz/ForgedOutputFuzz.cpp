@@ -33,17 +33,27 @@ const char16_t kFixedPage[] =
     u"<!--#include file=\"inc.asp\"--><img src=\"<%= u %>\" alt=\"A b\"><br/>\n"
     u"</body></html>\n";
 
-// The labelled page with each line's replacement made in turn.
+// Edits stop once the answer is this long: a few lines that each multiply
+// it would otherwise make one input take minutes.
+constexpr size_t kMaxAnswer = 1 << 20;
+
+// The labelled page with each line's replacement made in turn, every
+// occurrence of a line's "from" replaced in one pass over the text.
 std::u16string Edited(std::u16string labelled, std::u16string_view lines) {
-  while (!lines.empty()) {
+  while (!lines.empty() && labelled.size() < kMaxAnswer) {
     size_t end = lines.find(u'\n');
     std::u16string_view line = lines.substr(0, end);
     lines.remove_prefix(end == std::u16string_view::npos ? lines.size() : end + 1);
     size_t tab = line.find(u'\t');
     if (tab == 0 || tab == std::u16string_view::npos) continue;
     std::u16string_view from = line.substr(0, tab), to = line.substr(tab + 1);
-    for (size_t p = labelled.find(from); p != std::u16string::npos; p = labelled.find(from, p + to.size()))
-      labelled.replace(p, from.size(), to);
+    std::u16string out;
+    size_t p = 0;
+    for (size_t q = labelled.find(from); q != std::u16string::npos; q = labelled.find(from, p)) {
+      out.append(labelled, p, q - p).append(to);
+      p = q + from.size();
+    }
+    labelled = out.append(labelled, p, std::u16string::npos);
   }
   return labelled;
 }

@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <set>
@@ -9,13 +10,18 @@ namespace qzhost {
 const char kUsage[] =
     "usage: qztranslate [--profile NAME] [--server CMD | --server-output FILE]\n"
     "                   [--labelled FILE] [--preview FILE] [-o OUT] [--timeout SECONDS]\n"
-    "                   [--strict] [--library PATH] PAGE\n"
+    "                   [--encoding NAME] [--server-encoding NAME] [--strict]\n"
+    "                   [--library PATH] PAGE\n"
+    "       qztranslate --check [--profile NAME] [--encoding NAME] PAGE...\n"
     "       qztranslate --help | --version\n"
     "\n"
-    "Translates the server page PAGE (UTF-8; - for standard input, which needs\n"
-    "--profile) and writes the merged page, UTF-8, to OUT or standard output.\n"
+    "Translates the server page PAGE (- for standard input, which needs --profile)\n"
+    "and writes the merged page, in PAGE's encoding, to OUT or standard output.\n"
     "\n"
     "  --profile NAME        php, erb or asp; guessed from PAGE's extension when absent\n"
+    "  --encoding NAME       PAGE's encoding; without it: its byte order mark, what it\n"
+    "                        declares, UTF-8 when valid, else a guess (with a warning)\n"
+    "  --server-encoding NAME  the encoding of the server's output (default: PAGE's)\n"
     "  --server CMD          run CMD (through /bin/sh, in PAGE's folder) with the labelled\n"
     "                        page on its standard input; its standard output is merged\n"
     "  --server-output FILE  merge FILE (- for standard input), the output of the\n"
@@ -31,12 +37,16 @@ const char kUsage[] =
     "                        code or whose labels came back wrong\n"
     "  --library PATH        the translator library to load (default:\n"
     "                        libServerTranslator.so beside qztranslate)\n"
+    "  --check               translate nothing: list what in each PAGE would make a\n"
+    "                        merge fail (close tags that end server elements early,\n"
+    "                        server elements never closed), and server blocks open\n"
+    "                        at its end\n"
     "  --help, --version     this text; the command's and the library's versions\n"
     "\n"
     "Without --server or --server-output the profile's own server runs (php: php,\n"
     "erb: erb -T -; asp has none), unless --labelled stands alone.\n"
-    "Exit status: 0 done, 1 the translation failed, 2 a wrong command line,\n"
-    "128+N interrupted by signal N.\n";
+    "Exit status: 0 done, 1 the translation failed (--check: a page would fail),\n"
+    "2 a wrong command line, 128+N interrupted by signal N.\n";
 
 namespace {
 
@@ -59,6 +69,8 @@ std::string* ValueOf(const std::string& name, Options* o) {
   if (name == "--preview") return &o->preview;
   if (name == "-o" || name == "--output") return &o->output;
   if (name == "--library") return &o->library;
+  if (name == "--encoding") return &o->encoding;
+  if (name == "--server-encoding") return &o->serverEncoding;
   return nullptr;
 }
 
@@ -66,8 +78,14 @@ std::string* ValueOf(const std::string& name, Options* o) {
 struct ParseState {
   std::set<std::string> seen;  // options given, -o counted as --output
   std::string timeout;
-  bool pageSeen = false;
 };
+
+// Options without a value, and where they are kept.
+bool* FlagOf(const std::string& name, Options* o) {
+  if (name == "--strict") return &o->strict;
+  if (name == "--check") return &o->check;
+  return nullptr;
+}
 
 // Takes the option name (with its value inline, or from argv[*i + 1]).
 // Returns false with a message for a mistake.
@@ -77,8 +95,8 @@ bool TakeOption(const std::string& name, const std::string* inlineValue, int arg
     *error = name + " is given twice";
     return false;
   }
-  if (name == "--strict") {
-    o->strict = true;
+  if (bool* flag = FlagOf(name, o)) {
+    *flag = true;
     if (inlineValue) *error = name + " takes no value";
     return !inlineValue;
   }
@@ -96,20 +114,20 @@ bool TakeOption(const std::string& name, const std::string* inlineValue, int arg
   return true;
 }
 
-// Takes a page name; only one is allowed.
-bool TakePage(const std::string& page, Options* o, ParseState* state, std::string* error) {
-  if (state->pageSeen) {
-    *error = "only one page can be translated at a time";
-    return false;
-  }
-  o->page = page;
-  state->pageSeen = true;
-  return true;
+// What --check takes besides its pages.
+bool CheckTakes(const std::string& option) {
+  return option == "--check" || option == "--profile" || option == "--encoding";
 }
 
 // What the options say together.
 bool CheckTogether(const Options& o, const ParseState& state, std::string* error) {
-  if (!state.pageSeen) *error = "no page given";
+  for (const std::string& option : state.seen)
+    if (o.check && !CheckTakes(option)) *error = "--check takes only --profile and --encoding, not " + option;
+  size_t fromInput = static_cast<size_t>(std::count(o.pages.begin(), o.pages.end(), "-"));
+  if (!error->empty()) return false;
+  if (o.pages.empty()) *error = "no page given";
+  else if (o.pages.size() > 1 && !o.check) *error = "only one page can be translated at a time";
+  else if (fromInput > 1) *error = "standard input can be read only once";
   else if (o.hasServer && !o.serverOutput.empty()) *error = "give --server or --server-output, not both";
   else if (o.page == "-" && o.serverOutput == "-")
     *error = "the page and the server output cannot both come from standard input";
@@ -131,16 +149,16 @@ bool ParseCommandLine(int argc, char** argv, Options* o, std::string* error) {
       return true;
     }
     bool ok = true;
-    if (name == "--strict" || name == "--timeout" || ValueOf(name, o)) {
+    if (FlagOf(name, o) || name == "--timeout" || ValueOf(name, o)) {
       ok = TakeOption(name, equals == std::string::npos ? nullptr : &inlineValue, argc, argv, &i, o, &state, error);
     } else if (arg == "--") {
       // Whatever follows is the page, even when it begins with "-".
-      for (++i; ok && i < argc; ++i) ok = TakePage(argv[i], o, &state, error);
+      for (++i; i < argc; ++i) o->pages.push_back(argv[i]);
     } else if (arg.size() > 1 && arg[0] == '-') {
       *error = "unknown option " + arg;
       ok = false;
     } else {
-      ok = TakePage(arg, o, &state, error);
+      o->pages.push_back(arg);
     }
     if (!ok) return false;
   }
@@ -148,6 +166,7 @@ bool ParseCommandLine(int argc, char** argv, Options* o, std::string* error) {
     *error = "--timeout needs a number of seconds, 0 or more, not " + state.timeout;
     return false;
   }
+  if (!o->pages.empty()) o->page = o->pages.front();
   return CheckTogether(*o, state, error);
 }
 

@@ -3,6 +3,7 @@
 #define QZHOST_COMMANDLINE_H
 
 #include <string>
+#include <vector>
 
 namespace qzhost {
 
@@ -15,7 +16,11 @@ struct Options {
   std::string preview;       // "-": standard output
   std::string output;        // "-" or empty: standard output
   std::string library;
+  std::string encoding;        // the page's; empty: found from the page
+  std::string serverEncoding;  // the server output's; empty: the page's
   std::string page;          // "-": standard input
+  std::vector<std::string> pages;  // every page given; --check takes several
+  bool check = false;
   double timeoutSeconds = 60;  // 0: no limit
   bool strict = false;
   bool help = false;
@@ -27,8 +32,9 @@ extern const char kUsage[];
 
 // Parses the command line. Returns false with a one-line message for a
 // mistake: an unknown option, a missing or empty value, an option given
-// twice, a bad time limit, no page or two, both --server and
-// --server-output. --help and --version end the parse at once.
+// twice, a bad time limit, no page, two pages to translate, both --server
+// and --server-output, an option that --check does not take.
+// --help and --version end the parse at once.
 bool ParseCommandLine(int argc, char** argv, Options* options, std::string* error);
 
 }  // namespace qzhost

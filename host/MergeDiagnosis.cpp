@@ -1,6 +1,7 @@
 // The reasons a merge is refused that can be told from the texts alone: a
 // piece of server code whose closing label never came back, one that has no
-// end in the page itself, and a label attribute that left its place.
+// end in the page itself (and what in the page left it so), and a label
+// attribute that left its place.
 #include "MergeDiagnosis.h"
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include "HostContract.h"
 #include "Lines.h"
 #include "Scanner.h"
+#include "TagReplay.h"
 
 namespace qzhost {
 namespace {
@@ -55,11 +57,30 @@ std::vector<int64_t> ClosedAfter(const std::vector<FoundLabel>& labels) {
   return maxOdd;
 }
 
+// What in the page leaves open the element whose first label stands on
+// line: the first finding that breaks a merge, one about an element of that
+// line before any other.
+std::string CauseInPage(std::u16string_view page, const Profile& profile, size_t line) {
+  std::vector<ElementFinding> findings = ReplayServerElements(page, profile);
+  PlaceTable places(page);
+  const ElementFinding* cause = nullptr;
+  size_t causes = 0;
+  for (const ElementFinding& f : findings) {
+    if (!f.breaksMerge) continue;
+    ++causes;
+    bool ofLine = places.At(f.elementOffset).line == line;
+    if (!cause || (ofLine && places.At(cause->elementOffset).line != line)) cause = &f;
+  }
+  if (!cause) return "";
+  std::string more = causes > 1 ? " (and " + std::to_string(causes - 1) + " more: qztranslate --check lists them)" : "";
+  return "; in the page, " + DescribeFinding(*cause, places) + more;
+}
+
 // A start label (even) needs an end label (odd, not below it) somewhere
 // after it; a start whose end never came back means the server dropped the
 // rest of that stretch.
-std::string ExplainUnclosedStart(std::u16string_view labelled, const std::vector<FoundLabel>& sent,
-                                 const std::vector<FoundLabel>& back) {
+std::string ExplainUnclosedStart(std::u16string_view page, std::u16string_view labelled, const Profile& profile,
+                                 const std::vector<FoundLabel>& sent, const std::vector<FoundLabel>& back) {
   std::vector<int64_t> sentClosed = ClosedAfter(sent), backClosed = ClosedAfter(back);
   for (size_t i = 0; i < back.size(); ++i) {
     int64_t start = back[i].number;
@@ -70,7 +91,7 @@ std::string ExplainUnclosedStart(std::u16string_view labelled, const std::vector
     for (size_t k = 0; k < sent.size(); ++k) {
       if (sent[k].number != start || sentClosed[k + 1] >= start) continue;
       return why + " has no end in the page itself: an element whose content is not HTML (such as one with "
-                   "runat=\"server\") is not closed";
+                   "runat=\"server\") is not closed" + CauseInPage(page, profile, line);
     }
     return why + " produced output whose closing label never came back; the server may have stopped early "
                  "(an exit or a fatal error) or dropped part of the page";
@@ -93,8 +114,10 @@ std::string ExplainMovedAttribute(std::u16string_view output) {
 
 }  // namespace
 
-std::string ExplainRejectedMerge(std::u16string_view labelled, std::u16string_view output) {
-  std::string why = ExplainUnclosedStart(labelled, FindLabelComments(labelled), FindLabelComments(output));
+std::string ExplainRejectedMerge(std::u16string_view page, std::u16string_view labelled, std::u16string_view output,
+                                 const Profile& profile) {
+  std::string why =
+      ExplainUnclosedStart(page, labelled, profile, FindLabelComments(labelled), FindLabelComments(output));
   return why.empty() ? ExplainMovedAttribute(output) : why;
 }
 

@@ -1,16 +1,22 @@
 // Why the library refused to merge a server's output: a guess made from the
-// labels in the labelled page and in the output, for the error message.
+// labels in the labelled page and in the output and, when the page itself
+// is at fault, the place in the page that caused it, for the error message.
 #ifndef QZHOST_MERGEDIAGNOSIS_H
 #define QZHOST_MERGEDIAGNOSIS_H
 
 #include <string>
 #include <string_view>
 
+#include "Profile.h"
+
 namespace qzhost {
 
 // A guess at why the library refused to merge output, from the labels in the
-// labelled page and in the output; empty when no reason can be told.
-std::string ExplainRejectedMerge(std::u16string_view labelled, std::u16string_view output);
+// labelled page and in the output; empty when no reason can be told. When a
+// piece of server code has no end in the page itself, the page's open-tag
+// tracking is replayed (TagReplay.h) to name what left its element open.
+std::string ExplainRejectedMerge(std::u16string_view page, std::u16string_view labelled, std::u16string_view output,
+                                 const Profile& profile);
 
 }  // namespace qzhost
 

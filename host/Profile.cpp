@@ -10,6 +10,7 @@ Profile MakePhp() {
   p.extensions = {"php", "php3", "php4", "php5", "phtml"};
   // Warnings and errors go to standard error, once, and never into the page.
   p.serverCommand = "php -d display_errors=stderr -d log_errors=0";
+  p.encodingDeclaration = ServerDeclaration::kPhpDeclare;
   p.directiveStart = u"<?";
   p.directiveEnd = u"?>";
   // PHP needs no closing tag at the end of a file.
@@ -23,6 +24,7 @@ Profile MakeErb() {
   p.extensions = {"erb", "rhtml"};
   // "-T -" also accepts the <%- and -%> forms that trim white space.
   p.serverCommand = "erb -T -";
+  p.encodingDeclaration = ServerDeclaration::kErbMagicComment;
   p.directiveStart = u"<%";
   p.directiveEnd = u"%>";
   return p;
@@ -34,6 +36,7 @@ Profile MakeAsp() {
   p.extensions = {"asp", "aspx", "ascx", "master"};
   p.directiveStart = u"<%";
   p.directiveEnd = u"%>";
+  p.encodingDeclaration = ServerDeclaration::kAspDirective;
   p.tagPrefixes = {u"asp:"};
   p.attributeRules = true;
   p.ruleNames = {u"runat"};

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "EncodingDeclaration.h"
+
 namespace qzhost {
 
 // Settings for one kind of server page.
@@ -15,6 +17,7 @@ struct Profile {
   std::string name;
   std::vector<std::string> extensions;  // file extensions that pick it, without the dot
   std::string serverCommand;            // run in the page's folder; empty: no server of our own
+  ServerDeclaration encodingDeclaration = ServerDeclaration::kNone;  // how its server reads a page's encoding
 
   // Pre-pass settings (the arguments of beginPreTranslate).
   std::u16string directiveStart;

@@ -2,6 +2,7 @@
 #include "TranslationSession.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "HostContract.h"
 #include "LibrarySink.h"
@@ -208,6 +209,28 @@ std::u16string_view TranslationSession::Unclosed(std::u16string_view output, std
   return *buffer;
 }
 
+size_t TranslationSession::ServerCodeLine(const std::vector<size_t>& offsets) const {
+  using Span = std::pair<size_t, size_t>;
+  std::vector<Span> pieces, blocks;
+  const std::vector<size_t>& labels = places_.comments;
+  for (size_t n = 0; located_ && n < labels.size(); n += 2)
+    pieces.push_back({labels[n], n + 1 < labels.size() ? labels[n + 1] : page_.size()});
+  const std::u16string &start = profile_.directiveStart, &end = profile_.directiveEnd;
+  for (size_t at = start.empty() ? std::u16string::npos : page_.find(start); at != std::u16string::npos;) {
+    size_t close = page_.find(end, at + start.size());
+    size_t past = close == std::u16string::npos ? page_.size() : close + end.size();
+    blocks.push_back({at, past});
+    at = page_.find(start, past);
+  }
+  auto inside = [](const std::vector<Span>& spans, size_t offset) {
+    auto after = std::upper_bound(spans.begin(), spans.end(), Span{offset, SIZE_MAX});
+    return after != spans.begin() && offset < std::prev(after)->second;
+  };
+  for (size_t offset : offsets)
+    if (inside(pieces, offset) || inside(blocks, offset)) return LineOfUnit(page_, offset);
+  return 0;
+}
+
 LabelReport TranslationSession::Check(std::u16string_view output) const {
   if (!located_) {
     LabelReport report;
@@ -314,7 +337,7 @@ bool TranslationSession::Merge(std::u16string&& output, std::u16string* merged, 
     if (profile_.lockEmptyPrefixedTags >= 0) args.push_back(Engine::Bool(profile_.lockEmptyPrefixedTags != 0));
     if (!Call("endPostTranslate", args, &result, error)) {
       *error = "the library rejected the merge of the server's output";
-      std::string why = ExplainRejectedMerge(LabelledPage(), buffer);
+      std::string why = ExplainRejectedMerge(page_, LabelledPage(), buffer, profile_);
       if (!why.empty()) *error += ": " + why;
       ok = false;
     } else if (!engine_.IsString(result)) {

@@ -47,6 +47,11 @@ class TranslationSession {
   // What the last Label found cut off by the end of the page, one warning
   // per construct; the page is translated all the same.
   const std::vector<LabelWarning>& Warnings() const { return warnings_; }
+  // The page line of the first of the page offsets (in ascending order)
+  // that lies in server code of the last labelled page: in a piece the
+  // library labelled, or in a server block of the profile, which may stand
+  // in an attribute value where no label holds it. 0 when none does.
+  size_t ServerCodeLine(const std::vector<size_t>& offsets) const;
 
  private:
   bool Call(const char* name, std::vector<Value> args, Value* result, std::string* error);

@@ -1,5 +1,5 @@
-// Conversions between the UTF-8 of files and pipes and the UTF-16 that the
-// library works in.
+// UTF-8 in and out: the conversions of Encoding.h for the encoding that
+// messages, tests and the preview use.
 #ifndef QZHOST_UTF8_H
 #define QZHOST_UTF8_H
 
@@ -25,9 +25,6 @@ Utf8Error DecodeUtf8(std::string_view bytes, std::u16string* out, size_t* errorO
 // Encodes UTF-16 as UTF-8 without a byte order mark. A surrogate without its
 // partner, which no decoded page can hold, becomes U+FFFD.
 std::string EncodeUtf8(std::u16string_view text);
-
-// Line (from 1) of the byte at offset, for messages.
-size_t LineOfByte(std::string_view bytes, size_t offset);
 
 }  // namespace qzhost
 

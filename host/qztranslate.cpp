@@ -19,11 +19,12 @@
 #include "Engine.h"
 #include "Files.h"
 #include "Library.h"
+#include "PageEncoding.h"
 #include "Preview.h"
 #include "PreviewPieces.h"
 #include "Server.h"
+#include "TagReplay.h"
 #include "TranslationSession.h"
-#include "Utf8.h"
 
 namespace {
 
@@ -42,32 +43,37 @@ int UsageError(const std::string& message) {
   return kExitUsage;
 }
 
-// Decodes UTF-8 bytes into UTF-16; what names them in messages.
-bool Decode(const std::string& bytes, const std::string& what, std::u16string* text, std::string* error) {
-  size_t at = 0;
-  switch (DecodeUtf8(bytes, text, &at)) {
-    case Utf8Error::kNone:
-      return true;
-    case Utf8Error::kInvalid:
-      *error = what + " is not valid UTF-8: bad byte sequence at byte offset " + std::to_string(at) + " (line " +
-               std::to_string(LineOfByte(bytes, at)) + ")";
-      return false;
-    case Utf8Error::kNul:
-      *error = what + " holds a NUL character at byte offset " + std::to_string(at) + " (line " +
-               std::to_string(LineOfByte(bytes, at)) + "), which a page cannot hold";
-      return false;
-  }
+// Prints a warning about the page.
+void Warn(const std::string& pageName, const std::string& message) {
+  std::fprintf(stderr, "qztranslate: warning: %s: %s\n", pageName.c_str(), message.c_str());
+}
+
+// Reads a file ("-": standard input) whole; what names it in messages.
+bool ReadBytes(const std::string& path, const std::string& what, std::string* bytes, std::string* error) {
+  if (ReadWholeFile(path, bytes, error)) return true;
+  *error = "cannot read " + what + " " + *error;
   return false;
 }
 
-// Reads a UTF-8 file ("-": standard input) into UTF-16.
-bool ReadText(const std::string& path, const std::string& what, std::u16string* text, std::string* error) {
+// Reads the page in its encoding (PageEncoding.h) and warns about what the
+// reading found.
+bool ReadPage(const Options& o, const Profile& profile, const std::string& pageName, std::u16string* page,
+              PageEncoding* encoding, std::string* error) {
   std::string bytes;
-  if (!ReadWholeFile(path, &bytes, error)) {
-    *error = "cannot read " + what + " " + *error;
-    return false;
-  }
-  return Decode(bytes, what + " " + (path == "-" ? "on standard input" : path), text, error);
+  if (!ReadBytes(o.page, "page", &bytes, error)) return false;
+  std::vector<std::string> warnings;
+  bool ok = DecodePage(bytes, o.encoding, profile.encodingDeclaration, page, encoding, &warnings, error);
+  for (const std::string& w : warnings) Warn(pageName, w);
+  if (!ok) *error = "page " + pageName + " " + *error;
+  return ok;
+}
+
+// Decodes the server's output (what names it) in its encoding.
+bool ReadOutput(const std::string& bytes, const std::string& what, const PageEncoding& page, const Options& o,
+                std::u16string* output, std::string* error) {
+  if (DecodeOutput(bytes, page, o.serverEncoding, output, error)) return true;
+  *error = what + " " + *error;
+  return false;
 }
 
 std::string DescribeFailedServer(const std::string& command, double timeout, const ServerRun& run) {
@@ -99,19 +105,26 @@ struct Plan {
   bool writesPreview = false;
 };
 
+// Picks the page's profile. Returns -1 to go on, else the exit status.
+int PickProfile(const Options& o, const std::string& page, const Profile** profile) {
+  if (!o.profile.empty()) {
+    *profile = FindProfile(o.profile);
+    if (!*profile) return UsageError("unknown profile " + o.profile + " (known: php, erb, asp)");
+  } else if (page == "-") {
+    return UsageError("a page read from standard input needs --profile php, erb or asp");
+  } else {
+    *profile = ProfileForPath(page);
+    if (!*profile)
+      return UsageError("cannot tell the profile from the name " + page + "; give --profile php, erb or asp");
+  }
+  return -1;
+}
+
 // Picks the profile and the server. Returns -1 to go on, else the exit
 // status. The asp profile has no server of its own.
 int PlanServer(const Options& o, Plan* plan) {
-  if (!o.profile.empty()) {
-    plan->profile = FindProfile(o.profile);
-    if (!plan->profile) return UsageError("unknown profile " + o.profile + " (known: php, erb, asp)");
-  } else if (o.page == "-") {
-    return UsageError("a page read from standard input needs --profile php, erb or asp");
-  } else {
-    plan->profile = ProfileForPath(o.page);
-    if (!plan->profile)
-      return UsageError("cannot tell the profile from the name " + o.page + "; give --profile php, erb or asp");
-  }
+  int status = PickProfile(o, o.page, &plan->profile);
+  if (status >= 0) return status;
   plan->labelOnly = !o.hasServer && o.serverOutput.empty() && !o.labelled.empty() && o.output.empty();
   if (plan->labelOnly && !o.preview.empty())
     return UsageError("--preview shows the merged page: give -o, --server or --server-output with --labelled");
@@ -179,6 +192,9 @@ int Prepare(const Options& o, Plan* plan) {
   int status = PlanServer(o, plan);
   if (status >= 0) return status;
   std::string error;
+  if (!o.encoding.empty() && !CheckEncodingName(o.encoding, &error)) return UsageError("--encoding: " + error);
+  if (!o.serverEncoding.empty() && !CheckEncodingName(o.serverEncoding, &error))
+    return UsageError("--server-encoding: " + error);
   if (!plan->labelOnly && !ResolveOutput(o.output.empty() ? "-" : o.output, &plan->merged, &error))
     return Fail("cannot write the merged page to " + error);
   plan->writesLabelled = !o.labelled.empty();
@@ -241,9 +257,9 @@ class EarlyServer {
   bool started_ = false;
 };
 
-// Runs the started server over the labelled page and decodes its answer.
+// Runs the started server over the labelled page; *output is what it printed.
 bool RunTheServer(const Options& o, const Plan& plan, EarlyServer* server, const std::string& labelledBytes,
-                  std::u16string* output, std::string* error) {
+                  std::string* output, std::string* error) {
   ServerRun run;
   server->Finish(labelledBytes, &run);
   if (!run.Succeeded()) {
@@ -259,7 +275,21 @@ bool RunTheServer(const Options& o, const Plan& plan, EarlyServer* server, const
     std::fprintf(stderr,
                  "qztranslate: warning: the server left processes running (a background child holding its output "
                  "open?); they were stopped\n");
-  return Decode(run.output, "the server's output", output, error);
+  *output = std::move(run.output);
+  return true;
+}
+
+// The page's own characters that its encoding cannot write back may stand
+// outside server code, where a character reference shows them as well, but
+// not inside it, where a reference would change the code.
+bool CheckWritable(const TranslationSession& session, const std::string& pageName, const PageEncoding& encoding,
+                   std::string* error) {
+  size_t line = session.ServerCodeLine(encoding.unwritable);
+  if (line == 0) return true;
+  *error = "page " + pageName + ": line " + std::to_string(line) + " holds, in server code, a character that " +
+           encoding.name + " cannot write back, so the server and the merged page would get other code; give "
+           "--encoding NAME for an encoding that holds it";
+  return false;
 }
 
 int Translate(const Options& o) {
@@ -268,10 +298,15 @@ int Translate(const Options& o) {
   if (status >= 0) return status;
   std::string pageName = o.page == "-" ? "standard input" : o.page;
 
-  std::string error;
+  std::string error, outputBytes;
   std::u16string page, output;
-  if (!ReadText(o.page, "page", &page, &error)) return Fail(error);
-  if (!o.serverOutput.empty() && !ReadText(o.serverOutput, "server output", &output, &error)) return Fail(error);
+  PageEncoding encoding;
+  if (!ReadPage(o, *plan.profile, pageName, &page, &encoding, &error)) return Fail(error);
+  if (!o.serverOutput.empty() &&
+      (!ReadBytes(o.serverOutput, "server output", &outputBytes, &error) ||
+       !ReadOutput(outputBytes, "server output " + (o.serverOutput == "-" ? "on standard input" : o.serverOutput),
+                   encoding, o, &output, &error)))
+    return Fail(error);
 
   Engine engine;
   std::string library = o.library.empty() ? DefaultLibraryPath() : o.library;
@@ -283,15 +318,19 @@ int Translate(const Options& o) {
   std::u16string labelled;
   if (!session.Start(&error) || !session.Label(std::move(page), &labelled, &error))
     return Fail("labelling the page failed: " + error);
+  if (!CheckWritable(session, pageName, encoding, &error)) return Fail(error);
   int errors = Report(pageName, session.Warnings(), o.strict);
   if (errors > 0) return StrictFailure(errors);
-  std::string labelledBytes = EncodeUtf8(labelled);
+  std::string labelledBytes = EncodePage(labelled, encoding);
   if (plan.labelOnly) {
     if (!WriteOutput(plan.labelled, labelledBytes, &error)) return Fail("cannot write the labelled page to " + error);
     return 0;
   }
 
-  if (!plan.serverCommand.empty() && !RunTheServer(o, plan, &server, labelledBytes, &output, &error)) return Fail(error);
+  if (!plan.serverCommand.empty() &&
+      (!RunTheServer(o, plan, &server, labelledBytes, &outputBytes, &error) ||
+       !ReadOutput(outputBytes, "the server's output", encoding, o, &output, &error)))
+    return Fail(error);
   LabelReport report = session.Check(output);
   errors = Report(pageName, report.warnings, o.strict);
   if (errors > 0) return StrictFailure(errors);
@@ -304,8 +343,41 @@ int Translate(const Options& o) {
     return Fail("cannot write the preview to " + error);
   if (plan.writesLabelled && !WriteOutput(plan.labelled, labelledBytes, &error))
     return Fail("cannot write the labelled page to " + error);
-  if (!WriteOutput(plan.merged, EncodeUtf8(merged), &error)) return Fail("cannot write the merged page to " + error);
+  if (!WriteOutput(plan.merged, EncodePage(merged, encoding), &error))
+    return Fail("cannot write the merged page to " + error);
   return 0;
+}
+
+// Replays each page's open-tag tracking and prints what it finds (TagReplay.h):
+// errors for what makes a merge fail, warnings for the rest. Status 1 when a
+// page would fail or could not be read, else 0.
+int CheckPages(const Options& o) {
+  std::vector<const Profile*> profiles(o.pages.size());
+  for (size_t i = 0; i < o.pages.size(); ++i) {
+    int status = PickProfile(o, o.pages[i], &profiles[i]);
+    if (status >= 0) return status;
+  }
+  std::string error;
+  if (!o.encoding.empty() && !CheckEncodingName(o.encoding, &error)) return UsageError("--encoding: " + error);
+  int worst = 0;
+  for (size_t i = 0; i < o.pages.size(); ++i) {
+    Options one = o;
+    one.page = o.pages[i];
+    std::string pageName = one.page == "-" ? "standard input" : one.page;
+    std::u16string page;
+    PageEncoding encoding;
+    if (!ReadPage(one, *profiles[i], pageName, &page, &encoding, &error)) {
+      worst = Fail(error);
+      continue;
+    }
+    PlaceTable places(page);
+    for (const ElementFinding& f : ReplayServerElements(page, *profiles[i])) {
+      worst = f.breaksMerge ? kExitFailed : worst;
+      std::fprintf(stderr, "qztranslate: %s: %s: line %zu: %s\n", f.breaksMerge ? "error" : "warning",
+                   pageName.c_str(), places.At(FindingOffset(f)).line, DescribeFinding(f, places).c_str());
+    }
+  }
+  return worst;
 }
 
 int PrintVersion(const Options& o) {
@@ -330,5 +402,5 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (options.version) return PrintVersion(options);
-  return Translate(options);
+  return options.check ? CheckPages(options) : Translate(options);
 }

@@ -5,11 +5,12 @@
 #   scripts/setup.sh TARGET...    builds only those targets, e.g. qztranslate
 #
 # Installs, through apt-get and only when missing: the build tools (cmake,
-# g++, GoogleTest, Google Benchmark), the servers the translate command
+# g++, GoogleTest, Google Benchmark), ICU for the host's encodings, the servers the translate command
 # drives in the demos and tests (php for php pages, erb from ruby for erb
 # pages), and for the preview's browser tests Debian's chromium with libpng
-# and nlohmann-json to read what it renders. Needs root or sudo only when
-# something must be installed.
+# and nlohmann-json to read what it renders, and gcovr for the coverage
+# report (scripts/coverage.sh). Needs root or sudo only when something must
+# be installed.
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -22,11 +23,13 @@ command -v g++ >/dev/null 2>&1 || missing+=(g++)
 command -v make >/dev/null 2>&1 || missing+=(make)
 [ -e /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
 [ -e /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
+[ -e /usr/include/unicode/ucnv.h ] || missing+=(libicu-dev)
 command -v php >/dev/null 2>&1 || missing+=(php-cli)
 command -v erb >/dev/null 2>&1 || missing+=(ruby)
 command -v chromium >/dev/null 2>&1 || missing+=(chromium)
 [ -e /usr/include/png.h ] || missing+=(libpng-dev)
 [ -e /usr/include/nlohmann/json.hpp ] || missing+=(nlohmann-json3-dev)
+command -v gcovr >/dev/null 2>&1 || missing+=(gcovr)
 
 if [ ${#missing[@]} -gt 0 ]; then
   SUDO=""

@@ -29,4 +29,21 @@ TEST_F(AttrMergeTest, TranslatedValueAttributes) {
                 TagAttr(u"alt=%22a%20b%22 ") + u">");
 }
 
+// Where the page's attribute text and the server's end differently, the
+// page's replaces the server's up to the unit that follows the page's, and
+// white space both end in stays after the inserted attribute.
+TEST_F(AttrMergeTest, AlignmentOfTheTwoAttributeTexts) {
+  const std::u16string page = u"<br x=\"<%=1%>\"", attr = TagAttr(u"x=1 ");
+  const std::pair<std::u16string, std::u16string> cases[] = {
+      {u"  />", u"  /" + attr + u"  />"},  // both end in the same blanks, which stay after the attribute
+      {u" \t/>", u" \t/" + attr + u" \t/>"},
+      {u"/>", u"/" + attr + u"/>"},
+      {u" >", u" " + attr + u" >"},
+  };
+  for (const auto& [end, merged] : cases)
+    EXPECT_EQ(Translate(page + end, {{u"<%=1%>", u"1"}}), page + merged) << std::string(end.begin(), end.end());
+  // A page's text followed by something other than ">".
+  EXPECT_EQ(Translate(u"<p a=\"<%=x%>\"/>", {{u"<%=x%>", u"1"}}), u"<p a=\"<%=x%>\"/" + TagAttr(u"a=1 ") + u"/>");
+}
+
 }  // namespace

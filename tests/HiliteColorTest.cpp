@@ -6,6 +6,7 @@
 #include <random>
 
 #include "FakeHost.h"
+#include "FaultAllocator.h"
 #include "HiliteColor.h"
 #include "Main.h"
 #include "Memory.h"
@@ -94,6 +95,17 @@ TEST_F(Hilite, PiecesInsideTheTitleStayPlain) {
   EXPECT_EQ(Colour(17, 1), u"T") << "a title open tag with attributes is a title all the same";
   gFromServerTitleInsideStart = 5;
   EXPECT_EQ(Colour(17, 1), Font(u"T")) << "a title index that names no recorded tag";
+  Record(u"<title>T</title>");
+  gFromServerTitleInsideStart = 0, gFromServerTitleInsideEnd = 1;
+  EXPECT_EQ(Colour(7, 1), u"T") << "inside the title";
+  for (int32_t* entry : {&gFromServerTagEndArray.pData[0], &gFromServerTagBeginArray.pData[1]}) {
+    const int32_t saved = *entry;
+    *entry = entry == &gFromServerTagEndArray.pData[0] ? -1 : 99;
+    EXPECT_EQ(Colour(7, 1), Font(u"T")) << "a title reported outside the text";
+    *entry = saved;
+  }
+  gFromServerTitleInsideEnd = 2;
+  EXPECT_EQ(Colour(7, 1), Font(u"T")) << "a close index that names no recorded tag";
 }
 
 TEST_F(Hilite, TagsThatDoNotFitTheTextLeaveThePiecePlain) {
@@ -113,6 +125,40 @@ TEST_F(Hilite, TagsThatDoNotFitTheTextLeaveThePiecePlain) {
   Record(u"abc");
   Colour(2, 5);
   EXPECT_EQ(result_, 0) << "a piece outside the text is refused";
+}
+
+// The routines called on their own, outside a merge's index: out-of-range
+// pieces and tags are refused, failed appends are reported, and the
+// conditions their callers vouch for stop the process when broken.
+TEST_F(Hilite, CallsOutsideAMerge) {
+  Record(u"<b>x</b>");
+  ASSERT_EQ(HiliteColorBegin(u"other", 5), 1);
+  EXPECT_EQ(Colour(), u"<b" + kAttr + u">x</b>") << "an index of another text is not used";
+  EXPECT_EQ(FindMatchingClose(0, u"other", 5), -1) << "nor for matching";
+  HiliteColorEnd();
+  StringBuffer buffer{};
+  ASSERT_EQ(StringBufferCreate(&buffer), 1);
+  EXPECT_EQ(AddHiliteColor(&buffer, text_.c_str(), -1, 2) + AddHiliteColor(&buffer, text_.c_str(), 0, -1), 0);
+  MemFree(buffer.pData);
+  for (int32_t index : {-1, 2, 9}) EXPECT_EQ(FindMatchingClose(index, text_.c_str(), 8), -1) << index;
+  FaultFailAt(2);
+  Colour();
+  EXPECT_EQ(result_, 0) << "no memory for the index";
+  for (long failAt : {1, 2, 3}) {
+    ASSERT_EQ(StringBufferCreate(&buffer), 1);
+    buffer.nCapacity = 1;
+    FaultFailAt(failAt);
+    EXPECT_EQ(EmitText(&buffer, std::u16string(200, u'y').c_str(), 200) + EmitTag(&buffer, u"<b>", 3), 1)
+        << "one of the appends fails: " << failAt;
+    FaultFailAt(0);
+    MemFree(buffer.pData);
+  }
+  EXPECT_EQ(EmitText(&buffer, u"x", 0), 1) << "an empty run appends nothing";
+  EXPECT_DEATH(EmitTag(&buffer, u"<b", 2), "length > 0.*EmitTag.*HiliteColor\\.cpp");
+  Record(u"ab<b>", {{1, 2}, {2, 5}});
+  EXPECT_DEATH(FindMatchingClose(0, text_.c_str(), 5), "inPtr\\[openOffset\\] == '<'.*FindMatchingClose");
+  Record(u"<b>a", {{0, 3}, {3, 4}});
+  EXPECT_DEATH(FindMatchingClose(0, text_.c_str(), 5), "inPtr\\[matchOffset\\] == '<'.*FindMatchingClose");
 }
 
 // The matching walk, counting depth over the recorded tags in order: the

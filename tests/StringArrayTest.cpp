@@ -61,6 +61,11 @@ TEST_F(StringArrayTest, PopHandsOverAndPopNReleasesTheRest) {
   Fill({u"a", u"b"});
   EXPECT_EQ(StringArrayPopN(a, 3), nullptr) << "more than there are: all released";
   EXPECT_EQ(a->nSize, 0);
+  EXPECT_EQ(StringArrayPopN(a, 1), nullptr) << "and from an empty array";
+  StringArray never{};
+  EXPECT_EQ(StringArrayAdd(&never, u"n"), 1) << "an array never created gets a first block";
+  EXPECT_EQ(never.nCapacity, 100);
+  StringArrayDestroy(&never);
 }
 
 TEST_F(StringArrayTest, GrowthAndFailedAllocations) {

@@ -24,6 +24,9 @@ auto Fields(const StringBuffer& b) { return std::tuple(b.pData, b.nSize, b.nCapa
 }  // namespace
 
 TEST_F(StringBufferTest, GrowthSizesAndAppendsFromItself) {
+  EXPECT_EQ(StringBufferAdd(&buffer, u"ab", 2), 1) << "a buffer never created keeps a free unit after the text";
+  EXPECT_EQ(Fields(buffer), std::tuple(buffer.pData, 2, 3));
+  MemFree(buffer.pData);
   ASSERT_EQ(StringBufferCreate(&buffer), 1);
   EXPECT_EQ(StringBufferAdd(&buffer, nullptr, 0), 1) << "0 units";
   std::u16string text(8191, u'a');

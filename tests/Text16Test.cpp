@@ -35,4 +35,12 @@ TEST_F(Text16Test, FindUnitsAgreesWithAPlainSearch) {
   }
 }
 
+TEST_F(Text16Test, NoTextShortTextsAndNoSize) {
+  EXPECT_EQ(TextLength(nullptr), 0u);
+  EXPECT_FALSE(BeginsWithFolded(u"ab", u"ABC"));
+  EXPECT_TRUE(BeginsWithFolded(u"abc", u"AB"));
+  EXPECT_EQ(TextAlloc(0), nullptr);
+  EXPECT_EQ(TextAlloc(-1), nullptr);
+}
+
 }  // namespace

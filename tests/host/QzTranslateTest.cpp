@@ -15,50 +15,16 @@
 #include <fstream>
 #include <thread>
 
-#include "Files.h"
-#include "Server.h"
+#include "CommandFolder.h"
 
 using namespace qzhost;
 
 namespace {
 
-bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
-class QzTranslateTest : public ::testing::Test {
+class QzTranslateTest : public CommandFolder {
  protected:
-  void SetUp() override { ASSERT_NE(mkdtemp(folder), nullptr); }
-  void TearDown() override { std::filesystem::remove_all(folder); }
-
-  std::string Path(const std::string& name) { return folder + ("/" + name); }
-
-  void Write(const std::string& name, const std::string& bytes) {
-    std::filesystem::create_directories(FolderOf(Path(name)));
-    std::ofstream(Path(name), std::ios::binary) << bytes;
-  }
-
-  // The file's bytes, or "(unreadable)".
-  std::string Read(const std::string& name) {
-    std::string bytes, error;
-    return ReadWholeFile(Path(name), &bytes, &error) ? bytes : "(unreadable)";
-  }
-
   // How many files the folder holds, hidden ones too.
   long Files() { return std::distance(std::filesystem::directory_iterator(folder), {}); }
-
-  // Runs qztranslate with the arguments (each quoted) from the root folder,
-  // so that only the page's own folder can make relative paths work; input
-  // goes to its standard input.
-  ServerRun Command(std::initializer_list<std::string> args, std::string_view input = "") {
-    std::string line = QZ_TRANSLATE_PATH;
-    for (std::string a : args) {
-      for (size_t at = 0; (at = a.find('\'', at)) != std::string::npos; at += 4) a.replace(at, 1, "'\\''");
-      line += " '" + a + "'";
-    }
-    ServerRun run;
-    std::string error;
-    EXPECT_TRUE(RunServer(line, "/", input, &run, &error)) << error;
-    return run;
-  }
 
   // Starts qztranslate with the arguments, its outputs thrown away, and
   // returns its process id.
@@ -95,8 +61,6 @@ class QzTranslateTest : public ::testing::Test {
     EXPECT_FALSE(Has(run.errors, "usage:")) << says;
     EXPECT_EQ(run.output, "") << says;
   }
-
-  char folder[21] = "/tmp/qzcommandXXXXXX";
 };
 
 }  // namespace
@@ -119,6 +83,10 @@ TEST_F(QzTranslateTest, WrongCommandLinesGetAHintAndStatusTwo) {
   Fails({"--timeout=-1", page}, 2, "--timeout needs a number of seconds");
   Fails({"-"}, 2, "a page read from standard input needs --profile");
   Fails({"--profile", "php", "--server-output", "-", "-"}, 2, "cannot both come from standard input");
+  Fails({"--encoding", "no-such", page}, 2, "--encoding: unknown encoding no-such");
+  Fails({"--server-encoding", "UTF-32LE", page}, 2, "UTF-32 is not supported");
+  Fails({"--check", "--server", "cat", page}, 2, "--check takes only --profile and --encoding, not --server");
+  Fails({"--check", "--profile", "asp", "-", page, "-"}, 2, "standard input can be read only once");
   EXPECT_EQ(Files(), 0);
   ServerRun help = Command({"--help"});
   EXPECT_EQ(help.exitStatus, 0);
@@ -133,8 +101,10 @@ TEST_F(QzTranslateTest, FailuresSayWhy) {
   // Pages that cannot be read or decoded.
   Fails({Path("missing.php")}, 1, Path("missing.php") + ": No such file or directory");
   Fails({"--profile", "php", folder}, 1, "Is a directory");
-  Write("bad.php", "<p>ok</p>\n<p>\xC3\x28</p>");
-  Fails({Path("bad.php")}, 1, "not valid UTF-8: bad byte sequence at byte offset 13 (line 2)");
+  Write("bad.php", "<meta charset=\"utf-8\"><p>ok</p>\n<p>\xC3\x28</p>");
+  Fails({Path("bad.php")}, 1,
+        "page " + Path("bad.php") +
+            " is not valid utf-8 (declared by <meta charset> on line 1): bad byte sequence at byte offset 35 (line 2)");
   Write("nul.php", std::string("<p>\0</p>", 8));
   Fails({Path("nul.php")}, 1, "NUL character at byte offset 3");
 

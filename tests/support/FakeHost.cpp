@@ -7,7 +7,34 @@
 #include "Pre.h"
 #include "Session.h"
 
-FakeHost::FakeHost() : table(engine.Table()) { Install(); }
+namespace {
+
+// The engine's own conversions, behind wrappers that refuse kRefused.
+ValueToStringOp gToString;
+ValueToIntegerOp gToInteger;
+ValueToBooleanOp gToBoolean;
+ValueToObjectOp gToObject;
+
+const char16_t* ToString(void* cx, ScriptValue v, int32_t* pLength) {
+  return v == FakeHost::kRefused ? nullptr : gToString(cx, v, pLength);
+}
+int ToInteger(void* cx, ScriptValue v, intptr_t* pOut) { return v == FakeHost::kRefused ? 0 : gToInteger(cx, v, pOut); }
+int ToBoolean(void* cx, ScriptValue v, int32_t* pOut) { return v == FakeHost::kRefused ? 0 : gToBoolean(cx, v, pOut); }
+int ToObject(void* cx, ScriptValue v, void** pOut) { return v == FakeHost::kRefused ? 0 : gToObject(cx, v, pOut); }
+
+}  // namespace
+
+FakeHost::FakeHost() : table(engine.Table()) {
+  gToString = reinterpret_cast<ValueToStringOp>(table[kSlotValueToString]);
+  gToInteger = reinterpret_cast<ValueToIntegerOp>(table[kSlotValueToInteger]);
+  gToBoolean = reinterpret_cast<ValueToBooleanOp>(table[kSlotValueToBoolean]);
+  gToObject = reinterpret_cast<ValueToObjectOp>(table[kSlotValueToObject]);
+  table[kSlotValueToString] = reinterpret_cast<void*>(&ToString);
+  table[kSlotValueToInteger] = reinterpret_cast<void*>(&ToInteger);
+  table[kSlotValueToBoolean] = reinterpret_cast<void*>(&ToBoolean);
+  table[kSlotValueToObject] = reinterpret_cast<void*>(&ToObject);
+  Install();
+}
 
 void FakeHost::Install() { QZ_InitWrapper(table.data(), sizeof(void*) * table.size()); }
 

@@ -40,6 +40,9 @@ class FakeHost {
   std::u16string Text(Value v) { return engine.ToText(v); }
 
   static constexpr Value kUnset = 0x7777;  // never a value the engine makes
+  // A value every conversion of this host refuses (no text, no number, no
+  // truth value, no object), as a host may for a value it cannot convert.
+  static constexpr Value kRefused = 0x5555;
 
   qzhost::Engine engine;
   std::array<void*, qzhost::kTableSlots> table;

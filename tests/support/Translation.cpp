@@ -37,22 +37,10 @@ std::u16string Serve(std::u16string s, const Pairs& server) {
 Pairs Answer(const std::u16string& output) { return {{u"", output}}; }
 
 void TranslationTest::TearDown() {
-  FaultFailAt(failAt_ = 0);
+  FaultFailAt(0);
   lockEmpty_ = -1, lockBegin_ = kLockBegin;
   EXPECT_EQ(Translate(u"<p><%= n %></p>", {{u"<%= n %>", u"Bob"}}), u"<p>" + Lock(u"<%= n %>", Font(u"Bob")) + u"</p>");
   LibraryTest::TearDown();
-}
-
-qzhost::CallResult TranslationTest::Call(const std::string& name, std::vector<Value> args) {
-  long before = FaultAttempts();
-  auto r = host.Call(name, std::move(args));
-  if (failAt_ > 0 && before < failAt_ && FaultAttempts() >= failAt_ &&
-      (name == "initialize" || name == "endPreTranslate" || name == "endPostTranslate")) {
-    EXPECT_EQ(r.ok, 0) << name;
-    EXPECT_EQ(r.result, FakeHost::kUnset) << name;
-    nMergeFailures_ += name == "endPostTranslate";
-  }
-  return r;
 }
 
 std::u16string TranslationTest::Label(const std::u16string& page) {

@@ -34,10 +34,7 @@ class TranslationTest : public LibraryTest {
  protected:
   // Whatever a test did, failures included, the next page translates.
   void TearDown() override;
-  // Calls a native. While failAt_ is set, initialize, endPreTranslate and
-  // endPostTranslate, when they made the failing allocation, must report
-  // failure and leave their result alone.
-  qzhost::CallResult Call(const std::string& name, std::vector<Value> args);
+  qzhost::CallResult Call(const std::string& name, std::vector<Value> args) { return host.Call(name, std::move(args)); }
   // initialize, the pre pass over the page and endPreTranslate, stopping
   // where a translator script would: the labelled page, or kFailed.
   std::u16string Label(const std::u16string& page);
@@ -53,8 +50,6 @@ class TranslationTest : public LibraryTest {
 
   std::u16string lockBegin_ = kLockBegin;
   int lockEmpty_ = -1;  // -1: five arguments
-  long failAt_ = 0;
-  int nMergeFailures_ = 0;
 };
 
 #endif
