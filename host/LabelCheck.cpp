@@ -6,6 +6,10 @@
 // hold.
 #include "LabelCheck.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "HostContract.h"
 #include "Lines.h"
 #include "PageEnd.h"
@@ -450,6 +454,30 @@ LabelReport Checker::Run() {
 
 }  // namespace
 
+namespace {
+
+// The first position from q on where a label could start ("<!" or " q"), or
+// the last position of text; eight positions at a time where SSE2 is there.
+size_t NextLabelStart(std::u16string_view text, size_t q) {
+  const size_t n = text.size();
+#if defined(__SSE2__)
+  const __m128i lt = _mm_set1_epi16('<'), bang = _mm_set1_epi16('!');
+  const __m128i blank = _mm_set1_epi16(' '), letter = _mm_set1_epi16('q');
+  for (; q + 9 <= n; q += 8) {
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + q));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + q + 1));
+    const __m128i hit = _mm_or_si128(_mm_and_si128(_mm_cmpeq_epi16(a, lt), _mm_cmpeq_epi16(b, bang)),
+                                     _mm_and_si128(_mm_cmpeq_epi16(a, blank), _mm_cmpeq_epi16(b, letter)));
+    const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
+    if (mask != 0) return q + static_cast<size_t>(__builtin_ctz(mask)) / 2;
+  }
+#endif
+  while (q + 1 < n && !((text[q] == u'<' && text[q + 1] == u'!') || (text[q] == u' ' && text[q + 1] == u'q'))) ++q;
+  return q;
+}
+
+}  // namespace
+
 bool LocateLabels(std::u16string_view page, std::u16string_view labelled, LabelPlaces* places) {
   *places = LabelPlaces();
   std::u16string comment = CommentLabel(0), attr = AttrLabel(0);
@@ -457,10 +485,7 @@ bool LocateLabels(std::u16string_view page, std::u16string_view labelled, LabelP
   while (q < labelled.size()) {
     // Up to the next place where a label could start, the two texts must
     // be equal: compared as one run rather than unit by unit.
-    size_t run = q;
-    while (run + 1 < labelled.size() && !((labelled[run] == u'<' && labelled[run + 1] == u'!') ||
-                                          (labelled[run] == u' ' && labelled[run + 1] == u'q')))
-      ++run;
+    size_t run = NextLabelStart(labelled, q);
     if (run > q) {
       size_t n = run - q;
       if (p + n > page.size() || labelled.substr(q, n) != page.substr(p, n)) return false;

@@ -6,13 +6,13 @@
 #
 # 1. The whole command on a 1 MB realistic PHP page against php alone on the
 #    same page, and with --server cat against cat (hyperfine, medians).
-# 2. Peak resident memory of the whole command on that page, and on a page
-#    whose server output is 50 times the page (GNU time).
+# 2. Peak resident memory of the command on that page, and on a page whose
+#    server output is 50 times the page (GNU time, less a tiny page's).
 # 3. build-bench/bench/TranslateBench: the library's own work replayed
 #    beside memcpy, and hostile shapes at 1, 4, 16 and 64 MB with their
 #    time per unit and peak memory (bench/README.md explains the table).
 #
-# Installs what is missing (apt-get): the build tools, Google Benchmark,
+# Installs what is missing (apt-get): the build tools, Google Benchmark, ICU,
 # hyperfine, php, GNU time and perf. Builds a Release build into
 # build-bench/ (BENCH_DIR overrides). Notes the machine's load first: the
 # ratios are what to compare, the times move with the load.
@@ -26,6 +26,7 @@ command -v cmake >/dev/null 2>&1 || missing+=(cmake)
 command -v g++ >/dev/null 2>&1 || missing+=(g++)
 command -v make >/dev/null 2>&1 || missing+=(make)
 [ -e /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
+[ -e /usr/include/unicode/ucnv.h ] || missing+=(libicu-dev)
 command -v hyperfine >/dev/null 2>&1 || missing+=(hyperfine)
 command -v php >/dev/null 2>&1 || missing+=(php-cli)
 [ -x /usr/bin/time ] || missing+=(time)
@@ -54,7 +55,7 @@ echo "load: $(uptime | sed 's/.*load average: //')"
 # A page whose output is 50 times its size: 20 KB of text, and a loop.
 {
   for i in $(seq 1 200); do echo "<p class=\"intro\">Static text of the page, paragraph $i, kept as it is.</p>"; done
-  echo '<table><?php for ($i = 0; $i < 7600; $i++) { ?><tr class="<?= $i % 2 ? "odd" : "even" ?>"><td><?= $i ?></td><td>row text</td></tr>'
+  echo '<table><?php for ($i = 0; $i < 14000; $i++) { ?><tr class="<?= $i % 2 ? "odd" : "even" ?>"><td><?= $i ?></td><td>row text</td></tr>'
   echo '<?php } ?></table>'
 } > "$work/loop.php"
 
@@ -76,23 +77,34 @@ compare "qztranslate page.php vs php page.php" "php page.php" "$qz page.php"
 compare "qztranslate --server cat vs cat" "cat page.php" "$qz --server cat page.php"
 
 echo
-echo "== peak resident memory of the whole command"
-peak() {  # label, page, UTF-16 bytes to divide by, command...
+echo "== peak resident memory of the command's own process"
+# With --server-output the command runs no child, so its peak is its own
+# (a server's would count otherwise): the server's answer is made first.
+peak() {  # label, UTF-16 bytes to divide by, command...
   local label=$1 bytes=$2
   shift 2
   local kb
   kb=$(/usr/bin/time -f %M "$@" 2>&1 >/dev/null | tail -1)
-  awk -v l="$label" -v kb="$kb" -v b="$bytes" 'BEGIN { printf "%-40s %8.1f MB %7.2f x the UTF-16 bytes\n", l, kb / 1024, kb * 1024 / b }'
+  awk -v l="$label" -v kb="$kb" -v b="$bytes" -v fixed="${FIXED_KB:-0}" \
+    'BEGIN { printf "%-44s %8.1f MB %7.2f x\n", l, kb / 1024, (kb - fixed) * 1024 / b }'
 }
+answer() {  # page, answer file
+  "$qz" --labelled "$work/labelled.php" "$1"
+  php "$work/labelled.php" > "$2"
+}
+FIXED_KB=$(/usr/bin/time -f %M "$qz" --server-output "$ROOT/examples/hello.aspx.server-output.html" \
+  "$ROOT/examples/hello.aspx" 2>&1 >/dev/null | tail -1)
+echo "the fixed part (a tiny page): $(awk -v kb="$FIXED_KB" 'BEGIN { printf "%.1f MB", kb / 1024 }'), taken off below"
+answer page.php page.out
 page16=$(( $(stat -c %s page.php) * 2 ))
-peak "realistic 1 MB through php (per page)" "$page16" "$qz" page.php
-php loop.php > loop.out
+peak "realistic 1 MB, per UTF-16 byte of the page" "$page16" "$qz" --server-output page.out page.php
+answer loop.php loop.out
 loop16=$(( $(stat -c %s loop.php) * 2 ))
 out16=$(( $(stat -c %s loop.out) * 2 ))
-echo "loop page: $(stat -c %s loop.php) bytes, php output $(stat -c %s loop.out) bytes ($(( $(stat -c %s loop.out) / $(stat -c %s loop.php) ))x)"
-peak "output 50x through php (per page)" "$loop16" "$qz" loop.php
-peak "output 50x through php (per page+output)" "$(( loop16 + out16 ))" "$qz" loop.php
-peak "a tiny page through php (the fixed part)" 2 "$qz" "$ROOT/examples/hello.php"
+echo "loop page: $(stat -c %s loop.php) bytes, its output $(stat -c %s loop.out) bytes" \
+  "($(( $(stat -c %s loop.out) / $(stat -c %s loop.php) ))x)"
+peak "output ~50x, per UTF-16 byte of the page" "$loop16" "$qz" --server-output loop.out loop.php
+peak "output ~50x, per byte of page + output" "$(( loop16 + out16 ))" "$qz" --server-output loop.out loop.php
 
 echo
 echo "== library and hostile shapes"
