@@ -7,9 +7,9 @@
 //   the counter x_memcpy is the library's median time over memcpy's.
 // - Translate/SHAPE/MB: a whole translation in this process (scanning,
 //   engine, library; the stand-in server left out) of pages of 1, 4, 16 and
-//   64 MB, time per page unit; peak_per_byte is the rise of the resident set
-//   of a fresh process (qzprobe) that translates the same page, over the
-//   page's UTF-16 bytes.
+//   64 MB, time per page unit; a fresh process (qzprobe) translates the
+//   same page for probe_ns_per_unit (processor time) and peak_per_byte (the
+//   rise of its resident set over the page's UTF-16 bytes).
 //
 // After the run a table sums up, per shape, the time per unit at each size,
 // the ratio of 64 MB to 1 MB, and the peaks.
@@ -55,13 +55,14 @@ double MemcpySeconds(const void* from, size_t n) {
 }
 
 // Nanoseconds per byte of memcpy over a page's UTF-16 bytes at each size,
-// into a destination of its own, faulted in: the yardstick of the time per
+// into a destination of its own, faulted in, the fastest of five: the yardstick of the time per
 // unit at that size (a page of 64 MB no longer fits the caches that hold one
 // of 1 MB).
 double gMemcpyNsPerByte[4];
 
 struct Row {
-  double nsPerUnit[4] = {};
+  double nsPerUnit[4] = {};       // in process, wall clock, median
+  double probeNsPerUnit[4] = {};  // fresh process, processor time, fastest
   double peakPerByte[4] = {};
   double libraryMemcpy = 0;
   double libraryUnitsPerSecond = 0;
@@ -95,17 +96,26 @@ void Library(benchmark::State& state, qzbench::ShapeInfo shape) {
   state.counters["x_memcpy"] = row.libraryMemcpy;
 }
 
-// The peak of a fresh qzprobe over the same page, per UTF-16 byte; -1 when
-// it cannot be measured.
-double ProbePeak(const char* shape, size_t units) {
+// A fresh qzprobe over the same page: the fastest of `repeats`
+// translations in processor time, per unit, and the peak per UTF-16 byte;
+// both -1 when they cannot be measured. A fresh process starts from an
+// empty heap, and its processor time leaves out the waits that other work
+// on the machine causes: its time per unit is the one compared across sizes.
+struct ProbeResult {
+  double nsPerUnit = -1;
+  double peakPerByte = -1;
+};
+
+ProbeResult RunProbe(const char* shape, size_t units, int repeats) {
+  ProbeResult result;
   int fds[2];
-  if (pipe(fds) != 0) return -1;
+  if (pipe(fds) != 0) return result;
   pid_t pid = fork();
   if (pid == 0) {
     dup2(fds[1], 1);
     close(fds[0]);
-    std::string n = std::to_string(units);
-    execl(QZ_PROBE_PATH, "qzprobe", shape, n.c_str(), static_cast<char*>(nullptr));
+    std::string n = std::to_string(units), r = std::to_string(repeats);
+    execl(QZ_PROBE_PATH, "qzprobe", shape, n.c_str(), r.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
   close(fds[1]);
@@ -118,8 +128,10 @@ double ProbePeak(const char* shape, size_t units) {
   double seconds = 0;
   if (got <= 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0 ||
       std::sscanf(text, "%llu %lf %llu", &pageUnits, &seconds, &peak) != 3 || pageUnits == 0)
-    return -1;
-  return static_cast<double>(peak) / (2.0 * static_cast<double>(pageUnits));
+    return result;
+  result.nsPerUnit = seconds * 1e9 / static_cast<double>(pageUnits);
+  result.peakPerByte = static_cast<double>(peak) / (2.0 * static_cast<double>(pageUnits));
+  return result;
 }
 
 void Translate(benchmark::State& state, qzbench::ShapeInfo shape, int sizeIndex) {
@@ -161,10 +173,13 @@ void Translate(benchmark::State& state, qzbench::ShapeInfo shape, int sizeIndex)
       benchmark::ClobberMemory();
       copies.push_back(std::chrono::duration<double>(Clock::now() - c0).count());
     }
-    gMemcpyNsPerByte[sizeIndex] = Median(copies) * 1e9 / static_cast<double>(nBytes);
+    gMemcpyNsPerByte[sizeIndex] = *std::min_element(copies.begin(), copies.end()) * 1e9 / static_cast<double>(nBytes);
   }
-  row.peakPerByte[sizeIndex] = ProbePeak(shape.name, units);
+  const ProbeResult probe = RunProbe(shape.name, units, sizeIndex < 3 ? 3 : 1);
+  row.probeNsPerUnit[sizeIndex] = probe.nsPerUnit;
+  row.peakPerByte[sizeIndex] = probe.peakPerByte;
   state.counters["ns_per_unit"] = row.nsPerUnit[sizeIndex];
+  state.counters["probe_ns_per_unit"] = row.probeNsPerUnit[sizeIndex];
   state.counters["peak_per_byte"] = row.peakPerByte[sizeIndex];
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(page.size()));
 }
@@ -173,16 +188,19 @@ void PrintSummary() {
   std::printf("\nmemcpy ns/byte at 1, 4, 16, 64 MB pages: %.3f %.3f %.3f %.3f (64/1 %.2f)\n", gMemcpyNsPerByte[0],
               gMemcpyNsPerByte[1], gMemcpyNsPerByte[2], gMemcpyNsPerByte[3],
               gMemcpyNsPerByte[0] > 0 ? gMemcpyNsPerByte[3] / gMemcpyNsPerByte[0] : 0);
-  std::printf("\n%-10s %9s %9s %9s %9s %8s %7s %7s %7s %7s %9s %9s\n", "shape", "ns/u 1MB", "4MB", "16MB", "64MB",
-              "64/1", "pk 1MB", "4MB", "16MB", "64MB", "lib x mc", "lib MB/s");
+  std::printf("time per unit: fresh process, processor time (in process, wall clock, in brackets)\n");
+  std::printf("\n%-10s %14s %14s %14s %14s %6s %6s %6s %6s %6s %9s %8s\n", "shape", "ns/u 1MB", "4MB", "16MB",
+              "64MB", "64/1", "pk 1MB", "4MB", "16MB", "64MB", "lib x mc", "lib MB/s");
   for (const qzbench::ShapeInfo& s : qzbench::Shapes()) {
     auto it = gRows.find(s.name);
     if (it == gRows.end()) continue;
     const Row& r = it->second;
-    double ratio = r.nsPerUnit[0] > 0 && r.nsPerUnit[3] > 0 ? r.nsPerUnit[3] / r.nsPerUnit[0] : 0;
-    std::printf("%-10s %9.2f %9.2f %9.2f %9.2f %8.2f %7.2f %7.2f %7.2f %7.2f %9.1f %9.0f\n", s.name, r.nsPerUnit[0],
-                r.nsPerUnit[1], r.nsPerUnit[2], r.nsPerUnit[3], ratio, r.peakPerByte[0], r.peakPerByte[1],
-                r.peakPerByte[2], r.peakPerByte[3], r.libraryMemcpy, 2 * r.libraryUnitsPerSecond / 1e6);
+    double ratio = r.probeNsPerUnit[0] > 0 && r.probeNsPerUnit[3] > 0 ? r.probeNsPerUnit[3] / r.probeNsPerUnit[0] : 0;
+    std::printf("%-10s", s.name);
+    for (int k = 0; k < 4; ++k) std::printf(" %6.1f (%5.1f)", r.probeNsPerUnit[k], r.nsPerUnit[k]);
+    std::printf(" %6.2f", ratio);
+    for (int k = 0; k < 4; ++k) std::printf(" %6.2f", r.peakPerByte[k]);
+    std::printf(" %9.1f %8.0f\n", r.libraryMemcpy, 2 * r.libraryUnitsPerSecond / 1e6);
   }
 }
 

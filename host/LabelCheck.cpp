@@ -6,6 +6,8 @@
 // hold.
 #include "LabelCheck.h"
 
+#include <cstring>
+
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -488,7 +490,8 @@ bool LocateLabels(std::u16string_view page, std::u16string_view labelled, LabelP
     size_t run = NextLabelStart(labelled, q);
     if (run > q) {
       size_t n = run - q;
-      if (p + n > page.size() || labelled.substr(q, n) != page.substr(p, n)) return false;
+      if (p + n > page.size() || std::memcmp(labelled.data() + q, page.data() + p, n * sizeof(char16_t)) != 0)
+        return false;
       p += n;
       q += n;
     }

@@ -210,6 +210,8 @@ std::u16string_view TranslationSession::Unclosed(std::u16string_view output, std
 }
 
 size_t TranslationSession::ServerCodeLine(const std::vector<size_t>& offsets) const {
+  // Most pages have no character to look for: their pieces are not listed.
+  if (offsets.empty()) return 0;
   using Span = std::pair<size_t, size_t>;
   std::vector<Span> pieces, blocks;
   const std::vector<size_t>& labels = places_.comments;

@@ -55,7 +55,7 @@ echo "load: $(uptime | sed 's/.*load average: //')"
 # A page whose output is 50 times its size: 20 KB of text, and a loop.
 {
   for i in $(seq 1 200); do echo "<p class=\"intro\">Static text of the page, paragraph $i, kept as it is.</p>"; done
-  echo '<table><?php for ($i = 0; $i < 14000; $i++) { ?><tr class="<?= $i % 2 ? "odd" : "even" ?>"><td><?= $i ?></td><td>row text</td></tr>'
+  echo '<table><?php for ($i = 0; $i < 6300; $i++) { ?><tr class="<?= $i % 2 ? "odd" : "even" ?>"><td><?= $i ?></td><td>row text</td></tr>'
   echo '<?php } ?></table>'
 } > "$work/loop.php"
 
