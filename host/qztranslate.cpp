@@ -322,6 +322,9 @@ int Translate(const Options& o) {
   int errors = Report(pageName, session.Warnings(), o.strict);
   if (errors > 0) return StrictFailure(errors);
   std::string labelledBytes = EncodePage(labelled, encoding);
+  // From here on only the bytes are needed; a translation holds few copies
+  // of the page at a time.
+  labelled = std::u16string();
   if (plan.labelOnly) {
     if (!WriteOutput(plan.labelled, labelledBytes, &error)) return Fail("cannot write the labelled page to " + error);
     return 0;
@@ -331,6 +334,7 @@ int Translate(const Options& o) {
       (!RunTheServer(o, plan, &server, labelledBytes, &outputBytes, &error) ||
        !ReadOutput(outputBytes, "the server's output", encoding, o, &output, &error)))
     return Fail(error);
+  outputBytes = std::string();
   LabelReport report = session.Check(output);
   errors = Report(pageName, report.warnings, o.strict);
   if (errors > 0) return StrictFailure(errors);
