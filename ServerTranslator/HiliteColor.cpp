@@ -90,7 +90,9 @@ bool SameName(const TagIndex* index, int32_t a, int32_t b) {
 int32_t NameSlot(const TagIndex* index, int32_t k) {
   int64_t n = 0;
   const char16_t* name = NameOf(index, k, &n);
-  uint32_t h = 2166136261u;
+  // Seeded with the index's own address, which changes from run to run, so
+  // that no server output can be written to make its names collide.
+  uint32_t h = 2166136261u ^ static_cast<uint32_t>(reinterpret_cast<uintptr_t>(index) >> 4);
   for (int64_t i = 0; i < n; ++i) h = (h ^ name[i]) * 16777619u;
   h ^= h >> 15;
   const uint32_t mask = static_cast<uint32_t>(index->nSlots) - 1;
