@@ -10,7 +10,6 @@
 namespace {
 
 constexpr int32_t kFirstSize = 128;
-constexpr int32_t kLargestSize = 1 << 29;
 
 uint32_t Mask(const FoldedNameTable* table) { return static_cast<uint32_t>(table->nSlots) - 1; }
 
@@ -31,13 +30,12 @@ uint32_t FoldedNameHash(const char16_t* name, int32_t nName) {
 }
 
 // Makes room for one more name: the table doubles before it would pass half
-// full. Returns 0 when memory runs out or the table is at its largest; the
-// table is then as it was.
+// full. Returns 0 when memory runs out or the table is at its largest (2^30
+// slots); the table is then as it was.
 int FoldedNameTableReserve(FoldedNameTable* table) {
   if ((static_cast<int64_t>(table->nUsed) + 1) * 2 <= table->nSlots) return 1;
-  if (table->nSlots >= kLargestSize) return 0;
-  const int32_t nNew = table->nSlots ? table->nSlots * 2 : kFirstSize;
-  auto* pNew = static_cast<FoldedNameSlot*>(MemAlloc(static_cast<size_t>(nNew) * sizeof(FoldedNameSlot)));
+  const int64_t nNew = table->nSlots ? 2 * static_cast<int64_t>(table->nSlots) : kFirstSize;
+  auto* pNew = static_cast<FoldedNameSlot*>(MemAllocArray(nullptr, nNew, sizeof(FoldedNameSlot)));
   if (!pNew) return 0;
   for (int32_t s = 0; s < nNew; ++s) pNew[s] = FoldedNameSlot{};
   const uint32_t mask = static_cast<uint32_t>(nNew) - 1;
@@ -49,7 +47,7 @@ int FoldedNameTableReserve(FoldedNameTable* table) {
   }
   MemFree(table->pSlots);
   table->pSlots = pNew;
-  table->nSlots = nNew;
+  table->nSlots = static_cast<int32_t>(nNew);
   return 1;
 }
 

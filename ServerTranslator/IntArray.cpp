@@ -44,8 +44,7 @@ int IntArrayAdd(IntArray* array, int32_t value) {
     // block rather than a doubled zero.
     int64_t nNew = array->nCapacity > 0 ? 2 * static_cast<int64_t>(array->nCapacity)
                                         : kFirstCapacity;
-    if (nNew > INT32_MAX || static_cast<uint64_t>(nNew) > SIZE_MAX / sizeof(int32_t)) return 0;
-    void* pNew = MemRealloc(array->pData, static_cast<size_t>(nNew) * sizeof(int32_t));
+    void* pNew = MemAllocArray(array->pData, nNew, sizeof(int32_t));
     if (!pNew) return 0;
     array->pData = static_cast<int32_t*>(pNew);
     array->nCapacity = static_cast<int32_t>(nNew);

@@ -24,6 +24,11 @@ void* MemRealloc(void* p, size_t nBytes) {
   return gHooks.pRealloc ? gHooks.pRealloc(p, nBytes) : std::realloc(p, nBytes);
 }
 
+void* MemAllocArray(void* p, int64_t n, size_t nSize) {
+  if (n < 1 || n > INT32_MAX || static_cast<size_t>(n) > SIZE_MAX / nSize) return nullptr;
+  return MemRealloc(p, static_cast<size_t>(n) * nSize);
+}
+
 void MemFree(void* p) {
   if (!p) return;
   if (gHooks.pFree)

@@ -6,6 +6,7 @@
 #define QZ_MEMORY_H
 
 #include <cstddef>
+#include <cstdint>
 
 // Allocation hooks. pAlloc returns a new block of nBytes (never 0) or null;
 // pRealloc resizes p (never null) to nBytes (never 0), or returns null and
@@ -27,6 +28,13 @@ void* MemAlloc(size_t nBytes);
 // Resizes p (null p allocates). On failure returns null and p stays valid
 // and owned by the caller.
 void* MemRealloc(void* p, size_t nBytes);
+
+// Room for n elements of nSize bytes each: a new block when p is null, else
+// p resized. Every array, buffer and table of the library grows through here
+// and counts its elements in 32 bits: null, with p as it was, when n is below
+// 1 or past INT32_MAX, when the bytes would not fit a size_t, or when memory
+// runs out.
+void* MemAllocArray(void* p, int64_t n, size_t nSize);
 
 // Releases p; a null p is allowed.
 void MemFree(void* p);

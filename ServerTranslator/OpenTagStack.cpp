@@ -35,17 +35,15 @@ struct CloseTagIndex {
 CloseTagIndex sIndex;
 
 constexpr int32_t kFirstLinks = 128;
-constexpr int32_t kLargestLinks = 1 << 29;
 
 bool InStep() { return sIndex.bValid && sIndex.nLinks == gOpenTags.nSize; }
 
 bool GrowLinks() {
-  if (sIndex.nLinkCapacity >= kLargestLinks) return false;
-  const int32_t nNew = sIndex.nLinkCapacity ? sIndex.nLinkCapacity * 2 : kFirstLinks;
-  void* pNew = MemRealloc(sIndex.pPrevSame, static_cast<size_t>(nNew) * sizeof(int32_t));
+  const int64_t nNew = sIndex.nLinkCapacity ? 2 * static_cast<int64_t>(sIndex.nLinkCapacity) : kFirstLinks;
+  void* pNew = MemAllocArray(sIndex.pPrevSame, nNew, sizeof(int32_t));
   if (!pNew) return false;
   sIndex.pPrevSame = static_cast<int32_t*>(pNew);
-  sIndex.nLinkCapacity = nNew;
+  sIndex.nLinkCapacity = static_cast<int32_t>(nNew);
   return true;
 }
 

@@ -176,7 +176,8 @@ void DeclareTaglibPrefix(const char16_t* text, int64_t length) {
   if (char16_swscanf(text + iWord + 6, char16_literal(u" = %120l[^ %]"), value, 128) != 1) return;
   const char16_t* pStart = value;
   size_t n = TextLength(value);
-  if (n > 0 && (value[0] == u'\'' || value[0] == u'"')) {
+  // The scan stores at least one unit.
+  if (value[0] == u'\'' || value[0] == u'"') {
     ++pStart;
     --n;
   }
@@ -308,9 +309,9 @@ int PreCleanup() {
 
 // Registers a taglib prefix (also inside non-HTML content), then labels the
 // directive as one stretch (codes 5 and 6) when it is a server directive by
-// the configured characters or an include. Always 1.
+// the configured characters or an include. Always 1. The text is never
+// null: the native skips a directive the host cannot convert.
 int PreDirective(const char16_t* text, int32_t length, int32_t offset) {
-  if (!text) return 1;
   int64_t n = length < 0 ? 0 : length;
   DeclareTaglibPrefix(text, n);
   if (gInsideNonHtml != 0) return 1;
@@ -343,7 +344,8 @@ int PreText(void* cx, uint32_t argc, ScriptValue* argv) {
     RecordPlace(offset + iStart, kPlaceExpression);
     RecordPlace(offset + iEnd + 1, kPlaceEnd);
   }
-  if (iStart >= 1 && iEnd == -1) {
+  // The search ended without a pair: at an unpaired "#", or at none (-1).
+  if (iStart >= 1) {
     CutPlaces(nSaved);
     RecordPlace(offset, kPlaceDirective);
     RecordPlace(offset + (length < 0 ? 0 : length), kPlaceEnd);
@@ -355,11 +357,12 @@ int PreText(void* cx, uint32_t argc, ScriptValue* argv) {
 // Tags
 
 // Pushes the tag; a server tag by prefix gets its code-1 place and may open
-// non-HTML content or a zboutput block.
+// non-HTML content or a zboutput block. As in every handler of a tag, the
+// natives pass no null name or value.
 int PreOpenTagBegin(const char16_t* name, int32_t offset) {
   sPendingTag = kNoTag;
   gbHasAttrs = 0;
-  if (!name || !OpenTagStackPush(name, offset, 0)) return 1;
+  if (!OpenTagStackPush(name, offset, 0)) return 1;
   sPendingTag = kOpenTag;
   int32_t iTop = gOpenTags.nSize - 1;
   if (!TagPrefixIndexMatches(name)) return 1;
@@ -384,7 +387,7 @@ int PreOpenTagBegin(const char16_t* name, int32_t offset) {
 // shortest, a missing non-HTML flag counting as 0) and notes that the tag
 // has attributes. Ignored when no open tag is being scanned.
 int PreAttributeVX(const char16_t* name, const char16_t* value) {
-  if (!name || !value || sPendingTag != kOpenTag) return 1;
+  if (sPendingTag != kOpenTag) return 1;
   int32_t iTop = OpenTagStackTop();
   if (iTop < 0) return 1;
   int32_t nRules = gAttrsForServerTags.nSize < gAttrValuesForServerTags.nSize ? gAttrsForServerTags.nSize
@@ -443,7 +446,6 @@ int PreOpenTagEnd(int32_t endOffset, const char16_t* closingText) {
 // close tag with no open block changes nothing.
 int PreCloseTagBegin(const char16_t* name, int32_t offset) {
   sPendingTag = kNoTag;
-  if (!name) return 1;
   int32_t iFound = OpenTagStackFind(name);
   if (iFound >= 0) {
     OpenTagStackPop(gOpenTags.nSize - 1 - iFound);

@@ -52,15 +52,13 @@ int StringArrayAdd(StringArray* array, const char16_t* text) {
     // block rather than a doubled zero.
     int64_t nNew = array->nCapacity > 0 ? 2 * static_cast<int64_t>(array->nCapacity)
                                         : kFirstCapacity;
-    if (nNew > INT32_MAX || static_cast<uint64_t>(nNew) > SIZE_MAX / sizeof(char16_t*)) return 0;
-    void* pNew = MemRealloc(array->pData, static_cast<size_t>(nNew) * sizeof(char16_t*));
+    void* pNew = MemAllocArray(array->pData, nNew, sizeof(char16_t*));
     if (!pNew) return 0;
     array->pData = static_cast<char16_t**>(pNew);
     array->nCapacity = static_cast<int32_t>(nNew);
   }
   size_t nLength = TextLength(text);
-  if (nLength >= SIZE_MAX / sizeof(char16_t)) return 0;
-  char16_t* copy = static_cast<char16_t*>(MemAlloc((nLength + 1) * sizeof(char16_t)));
+  char16_t* copy = TextAlloc(static_cast<int64_t>(nLength) + 1);
   if (!copy) return 0;
   if (nLength > 0) std::memcpy(copy, text, nLength * sizeof(char16_t));
   copy[nLength] = 0;

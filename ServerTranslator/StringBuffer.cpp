@@ -37,13 +37,12 @@ int StringBufferAdd(StringBuffer* buffer, const char16_t* text, int32_t nbytes) 
     int64_t nNew = 2 * static_cast<int64_t>(buffer->nCapacity) + nbytes;
     // Keeps the free unit after the text even for a buffer never created.
     if (nNew <= nNeeded) nNew = nNeeded + 1;
-    if (nNew > INT32_MAX || static_cast<uint64_t>(nNew) > SIZE_MAX / sizeof(char16_t)) return 0;
     // A text inside the old storage moves with it.
     std::less_equal<const char16_t*> le;
     bool bInside = buffer->pData && le(buffer->pData, text) &&
                    std::less<const char16_t*>()(text, buffer->pData + buffer->nCapacity);
     ptrdiff_t nInside = bInside ? text - buffer->pData : 0;
-    void* pNew = MemRealloc(buffer->pData, static_cast<size_t>(nNew) * sizeof(char16_t));
+    void* pNew = MemAllocArray(buffer->pData, nNew, sizeof(char16_t));
     if (!pNew) return 0;
     buffer->pData = static_cast<char16_t*>(pNew);
     buffer->nCapacity = static_cast<int32_t>(nNew);

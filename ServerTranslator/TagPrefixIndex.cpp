@@ -41,12 +41,11 @@ bool AddLength(int32_t nLength) {
   while (k < sIndex.nLengths && sIndex.pLengths[k] < nLength) ++k;
   if (k < sIndex.nLengths && sIndex.pLengths[k] == nLength) return true;
   if (sIndex.nLengths == sIndex.nLengthCapacity) {
-    const int32_t nNew = sIndex.nLengthCapacity ? sIndex.nLengthCapacity * 2 : 16;
-    if (nNew < 0 || nNew > (1 << 29)) return false;
-    void* pNew = MemRealloc(sIndex.pLengths, static_cast<size_t>(nNew) * sizeof(int32_t));
+    const int64_t nNew = sIndex.nLengthCapacity ? 2 * static_cast<int64_t>(sIndex.nLengthCapacity) : 16;
+    void* pNew = MemAllocArray(sIndex.pLengths, nNew, sizeof(int32_t));
     if (!pNew) return false;
     sIndex.pLengths = static_cast<int32_t*>(pNew);
-    sIndex.nLengthCapacity = nNew;
+    sIndex.nLengthCapacity = static_cast<int32_t>(nNew);
   }
   std::memmove(sIndex.pLengths + k + 1, sIndex.pLengths + k, static_cast<size_t>(sIndex.nLengths - k) * sizeof(int32_t));
   sIndex.pLengths[k] = nLength;
@@ -58,10 +57,9 @@ bool AddLength(int32_t nLength) {
 // letter case) is not held twice.
 bool Add(int32_t iEntry) {
   const char16_t* prefix = gTagPrefixes.pData[iEntry];
-  const size_t nLength = TextLength(prefix);
-  if (nLength > static_cast<size_t>(INT32_MAX)) return false;
   if (!FoldedNameTableReserve(&sIndex.prefixes)) return false;
-  const int32_t n = static_cast<int32_t>(nLength);
+  // Entries are copies made by StringArrayAdd, shorter than INT32_MAX units.
+  const int32_t n = static_cast<int32_t>(TextLength(prefix));
   const uint32_t hash = FoldedNameHash(prefix, n);
   const uint32_t s = FoldedNameTableFind(&sIndex.prefixes, prefix, n, hash);
   if (sIndex.prefixes.pSlots[s].pName) return true;

@@ -99,6 +99,10 @@ int64_t FindUnits(const char16_t* text, int64_t n, const char16_t* needle, int64
 }
 
 char16_t* TextAlloc(int64_t nUnits) {
-  if (nUnits <= 0 || static_cast<uint64_t>(nUnits) > SIZE_MAX / sizeof(char16_t)) return nullptr;
+  if (nUnits < 1) return nullptr;
+  // Only a size_t narrower than 64 bits can be too small for the bytes.
+  if constexpr (SIZE_MAX / sizeof(char16_t) < static_cast<uint64_t>(INT64_MAX)) {
+    if (static_cast<uint64_t>(nUnits) > SIZE_MAX / sizeof(char16_t)) return nullptr;
+  }
   return static_cast<char16_t*>(MemAlloc(static_cast<size_t>(nUnits) * sizeof(char16_t)));
 }

@@ -30,10 +30,8 @@ int _swprintf(char16_t* buffer, size_t size, const char16_t* format, ...) {
   char16_t* copy = nullptr;
   if (nPairs > 0) {
     // nPairs is at most half of nLength, a length of text in memory: the
-    // sum cannot wrap, but the byte count is checked like every size.
-    size_t nUnits = nLength + nPairs + 1;
-    if (nUnits <= SIZE_MAX / sizeof(char16_t))
-      copy = static_cast<char16_t*>(MemAlloc(nUnits * sizeof(char16_t)));
+    // sum cannot wrap.
+    copy = TextAlloc(static_cast<int64_t>(nLength + nPairs + 1));
     if (!copy) {
       if (buffer && size > 0) buffer[0] = 0;
       return -1;
@@ -151,7 +149,7 @@ struct HashWalk {
   int64_t nDepth;    // parentheses opened minus closed, outside quotes
   bool bSingle;      // inside single quotes
   bool bDouble;      // inside double quotes
-  uint32_t nRepeat;  // on the stack: identical suspended walks stored here
+  int64_t nRepeat;   // on the stack: identical suspended walks stored here
 };
 
 bool SameWalk(const HashWalk& a, const HashWalk& b) {
@@ -174,7 +172,7 @@ class HashWalkStack {
   bool Push(const HashWalk& walk) {
     if (nEntries > 0) {
       HashWalk& top = pEntries[nEntries - 1];
-      if (SameWalk(top, walk) && top.nRepeat < UINT32_MAX) {
+      if (SameWalk(top, walk)) {
         ++top.nRepeat;
         return true;
       }
@@ -195,26 +193,21 @@ class HashWalkStack {
 
  private:
   bool Grow() {
-    size_t nNew = 2 * nCapacity;
-    if (nNew < nCapacity || nNew > SIZE_MAX / sizeof(HashWalk)) return false;
-    HashWalk* pNew;
-    if (pEntries == inlineEntries) {
-      pNew = static_cast<HashWalk*>(MemAlloc(nNew * sizeof(HashWalk)));
-      if (pNew) std::memcpy(pNew, inlineEntries, sizeof(inlineEntries));
-    } else {
-      pNew = static_cast<HashWalk*>(MemRealloc(pEntries, nNew * sizeof(HashWalk)));
-    }
+    const int64_t nNew = 2 * nCapacity;
+    const bool bInline = pEntries == inlineEntries;
+    auto* pNew = static_cast<HashWalk*>(MemAllocArray(bInline ? nullptr : pEntries, nNew, sizeof(HashWalk)));
     if (!pNew) return false;
+    if (bInline) std::memcpy(pNew, inlineEntries, sizeof(inlineEntries));
     pEntries = pNew;
     nCapacity = nNew;
     return true;
   }
 
-  static const size_t kInline = 32;
+  static const int64_t kInline = 32;
   HashWalk inlineEntries[kInline];
   HashWalk* pEntries = inlineEntries;
-  size_t nEntries = 0;
-  size_t nCapacity = kInline;
+  int64_t nEntries = 0;
+  int64_t nCapacity = kInline;
 };
 
 }  // namespace
@@ -225,11 +218,10 @@ class HashWalkStack {
 // the text ends. Quotes shield only parentheses: a "#" always opens or
 // closes. Linear in the units walked, so a caller that searches again from
 // *pEnd + 1 stays linear over the whole text. Should the stack for very deep
-// nesting run out of memory, the "#" counts as unclosed.
+// nesting run out of memory, the "#" counts as unclosed. text is not null.
 int FindHashPair(const char16_t* text, int64_t from, int64_t* pStart, int64_t* pEnd) {
   *pStart = -1;
   *pEnd = -1;
-  if (!text) return 0;
   int64_t i = from > 0 ? from : 0;
   for (; text[i] != '#'; ++i)
     if (text[i] == 0) return 0;
@@ -302,8 +294,8 @@ const char16_t* StringSetLineEndingsToMatch(const char16_t* model, const char16_
   if (from == kNoLineEnding || from == to) return text;
 
   size_t n = TextLength(text);
-  // Room for every unit to become two.
-  if (n > INT64_MAX / 4) return nullptr;
+  // Room for every unit to become two; a text in memory is far too short
+  // for the count to wrap.
   char16_t* result = TextAlloc(2 * static_cast<int64_t>(n) + 1);
   if (!result) return nullptr;
 

@@ -120,16 +120,6 @@ bool Engine::IsString(Value v) const {
   return c && c->kind == Kind::String;
 }
 
-bool Engine::IsInt(Value v) const {
-  Cell* c = CellOf(v);
-  return c && c->kind == Kind::Int;
-}
-
-bool Engine::IsArray(Value v) const {
-  Cell* c = CellOf(v);
-  return c && c->kind == Kind::Array;
-}
-
 std::u16string Engine::ToText(Value v) {
   Cell* c = CellOf(v);
   if (!c) return u"null";

@@ -72,8 +72,6 @@ class Engine {
   Value Array(std::vector<Value> elements);
 
   bool IsString(Value v) const;
-  bool IsInt(Value v) const;
-  bool IsArray(Value v) const;
   // Text of a value as the engine converts it (numbers in decimal, arrays
   // joined with ",", null as "null", booleans as "true"/"false").
   std::u16string ToText(Value v);

@@ -271,6 +271,8 @@ bool RunTheServer(const Options& o, const Plan& plan, EarlyServer* server, const
     std::fprintf(stderr, "qztranslate: the server's standard error, its first %zu bytes left out:\n",
                  run.errorBytes - run.errors.size());
   std::fwrite(run.errors.data(), 1, run.errors.size(), stderr);
+  // The command's own lines that follow start lines of their own.
+  if (!run.errors.empty() && run.errors.back() != '\n') std::fputc('\n', stderr);
   if (run.stoppedLeftovers)
     std::fprintf(stderr,
                  "qztranslate: warning: the server left processes running (a background child holding its output "

@@ -70,6 +70,7 @@ TEST_F(LockWalkTest, NamesOfBlankServerTags) {
   const Pairs blank = Answer(u"<!--QZVX 0 --><!--QZVX 1 -->");
   EXPECT_EQ(Translate(u"<x:a>", blank, {}, u"x:a>>"), Lock(u"x:a>>", u"", false));
   EXPECT_EQ(Translate(u"<x:a/>", blank, {}, u"< x:a>"), u"< x:a" + kHilite + u">");
+  EXPECT_EQ(Translate(u"<x:a/>", blank, {}, u"<     "), Lock(u"<     ", u"", false)) << "no name at all";
 }
 
 TEST_F(LockWalkTest, LockFormats) {

@@ -54,19 +54,6 @@ TEST_F(Session, CallbacksRefuseWrongArgumentCounts) {
   EXPECT_EQ(r.result, qzhost::kTrue);
 }
 
-// The entry copies whole slots that lie within the size it is given and
-// registers through the define operation, which a host may lack.
-TEST_F(Session, EntryReadsOnlyTheSlotsItIsGiven) {
-  const size_t nRegistered = host.engine.Registrations().size();
-  std::vector<void*> longer(host.table.begin(), host.table.end());
-  longer.resize(60, reinterpret_cast<void*>(1));
-  EXPECT_NE(QZ_InitWrapper(longer.data(), 60 * sizeof(void*)), 0) << "slots past the 46th are not read";
-  EXPECT_EQ(QZ_InitWrapper(host.table.data(), 2 * sizeof(void*) - 1), 0) << "the define slot cut off";
-  EXPECT_EQ(QZ_InitWrapper(nullptr, 46 * sizeof(void*)), 0) << "no table";
-  EXPECT_EQ(host.engine.Registrations().size(), nRegistered + 15);
-  host.Install();
-}
-
 // A host may refuse to convert any argument. The callbacks then skip what
 // needs the text, still record offsets, and succeed; the pass ends, the
 // merge and the services fail without the texts they cannot do without, and
@@ -104,6 +91,12 @@ TEST_F(Session, ArgumentsTheHostRefuses) {
   EXPECT_EQ(Items(gFromServerTagEndArray), (Ints{12, 0}));
   EXPECT_EQ(gLabelArray.nSize + gAttrLabelArray.nSize, 0);
   EXPECT_EQ(std::u16string(gEncodedAttrs.pData, gEncodedAttrs.nSize), u"n=%22%22 ") << "a value it cannot read is empty";
+  const auto all = host.table;
+  host.ClearSlot(kSlotValueToInteger);
+  ScanThroughNatives(host, u"<p qzvx=\"0\" >");
+  EXPECT_EQ(gAttrLabelArray.nSize, 0) << "a label attribute whose number cannot be read";
+  host.table = all;
+  host.Install();
 
   ok("initialize", {});
   const Value page = host.Str(u"<%a%>"), output = host.Str(u"<!--QZVX 0 -->A<!--QZVX 1 -->");
@@ -227,6 +220,7 @@ TEST_F(MergeDriver, InputNothingShouldStopTheProcessOn) {
   page = u"<img src=\"a\">";
   EXPECT_EQ(Translate(page, {{u" qzvx=\"0\"  src=\"a\"", u" src=\"a\" qzvx=\"0\" "}}), kFailed);
   EXPECT_EQ(Translate(page, Answer(u"<img qzvx=\"0\"<p>"), u"<img qzvx=\"0\">"), kFailed);
+  EXPECT_EQ(Translate(page, Answer(u"<img qzvx=\"0\""), u"<img qzvx=\"0\">"), kFailed) << "nor does its text";
   EXPECT_EQ(Translate(page, {{u"  src=\"a\"", u""}}), u"<img src=\"a\"" + TagAttr(u"") + u">");
   EXPECT_EQ(Translate(u"<br a=\"b\"/>", {{u"  a=\"b\"", u""}}), u"<br a=\"b\"/" + TagAttr(u"") + u"/>");
   EXPECT_EQ(Translate(page, {{u"qzvx=\"0\"  src=\"a\"", u"qzvx=\"9\"  src=\"b\""}}), u"<img src=\"b\">");

@@ -1,6 +1,7 @@
 // The open-tag stack: its four arrays in step, and the close-tag lookup
-// through its index, which must answer as a walk down the stack would, also
-// while memory runs out under it and on pages of tens of thousands of tags.
+// through its index, which must answer as a walk down the stack would over
+// tens of thousands of random pushes, pops and lookups, also while memory
+// runs out under it.
 #include <algorithm>
 #include <random>
 
@@ -87,6 +88,11 @@ TEST_F(OpenTagStackTest, ChangesBehindTheIndexBackAreNoticed) {
   OpenTagStackPop(1);
   EXPECT_EQ(OpenTagStackFind(u"e"), 0) << "a name replaced behind its back";
   EXPECT_EQ(OpenTagStackFind(u"f"), -1);
+  for (IntArray* a : {&gOpenTagOffsets, &gOpenTagIsServerTag, &gOpenTagIsNonHtmlServerTag}) {
+    IntArrayPush(a, 0);
+    EXPECT_EQ(OpenTagStackTop(), -1) << "one of the flag arrays longer";
+    IntArrayPop(a);
+  }
 }
 
 // The four arrays take an entry together or not at all. The 101st push
@@ -107,22 +113,6 @@ TEST_F(OpenTagStackTest, APushThatFailsLeavesTheArraysInStep) {
     EXPECT_EQ(OpenTagStackFind(u"X:a"), bFailed ? -1 : 100);
     if (!bFailed) break;
   }
-}
-
-// Regression: a close tag walked the stack, so a page of tens of thousands
-// of tags that are never closed, and as many stray close tags, was
-// quadratic (its time is the benchmark's; here the answers).
-TEST_F(OpenTagStackTest, TensOfThousandsOfUnclosedTags) {
-  const int32_t n = 100000;
-  for (int32_t i = 0; i < n; ++i) OpenTagStackPush(u"br", i, 0);
-  for (int32_t i = 0; i < n; ++i) ASSERT_EQ(OpenTagStackFind(u"p"), -1);
-  // Closing deep inside, over and over: each entry is popped once.
-  for (int32_t i = 0; i < 50000; ++i) {
-    OpenTagStackPush(u"x:a", i, 1);
-    for (int k = 0; k < 3; ++k) OpenTagStackPush(u"i", i, 0);
-    OpenTagStackPop(gOpenTags.nSize - OpenTagStackFind(u"X:A"));
-  }
-  EXPECT_EQ(gOpenTags.nSize, n);
 }
 
 }  // namespace

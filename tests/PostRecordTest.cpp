@@ -4,7 +4,6 @@
 #include <string>
 
 #include "FakeHost.h"
-#include "FaultAllocator.h"
 #include "NativeScan.h"
 #include "Session.h"
 
@@ -77,65 +76,6 @@ TEST_F(PostRecordTest, TitleIndexesPointAtTheLastTitle) {
   OpenEnd(308);
   EXPECT_EQ(gFromServerTitleInsideStart, 2) << "end entry of the second title open tag";
   EXPECT_EQ(gFromServerTitleInsideEnd, 3) << "begin entry of the second title close tag";
-}
-
-// Regression: when one array's growth failed while the 101st label comment
-// was recorded, 102 offsets stood against 101 lengths and entry 100 was
-// paired with comment 101's length. Each allocation of a post-pass scan that
-// grows every array past its first block is failed in turn: every record
-// (label comment; tag begin and end; labelled tag with its encoded
-// attributes) is then there whole, or missing whole.
-TEST_F(PostRecordTest, PostPassRecordsAreWholeWhicheverAllocationFails) {
-  auto number = [](int k) { std::string s = std::to_string(k); return std::u16string(s.begin(), s.end()); };
-  std::u16string output;
-  for (int k = 0; k < 150; ++k)
-    output += u"<!--QZVX " + number(2 * k) + u" --><p qzvx=\"" + number(k) + u"\" a=\"" + number(k) +
-              u"\" b=\"x y\">t</p>";
-  auto tagEnd = [&](int32_t begin) { return static_cast<int32_t>(output.find(u'>', begin) + 1); };
-  for (long failAt = 1;; ++failAt) {
-    SCOPED_TRACE(failAt);
-    ReleaseLibraryState();
-      FaultFailAt(failAt);
-    ScanThroughNatives(host, output);
-    const bool bFailed = FaultAttempts() >= failAt;
-    FaultFailAt(0);
-    const int32_t nComments = gFromServerOffsetArray.nSize;
-    ASSERT_EQ(gFromServerLengthArray.nSize, nComments);
-    ASSERT_EQ(gLabelArray.nSize, nComments);
-    for (int32_t k = 0; k < nComments; ++k) {
-      int32_t at = gFromServerOffsetArray.pData[k];
-      ASSERT_EQ(output.compare(at, 9, u"<!--QZVX "), 0) << k;
-      ASSERT_EQ(gFromServerLengthArray.pData[k], tagEnd(at) - at) << k;
-      ASSERT_EQ(output.substr(at + 9, gFromServerLengthArray.pData[k] - 13), number(gLabelArray.pData[k])) << k;
-    }
-    const int32_t nTags = gFromServerTagBeginArray.nSize;
-    ASSERT_EQ(gFromServerTagEndArray.nSize, nTags);
-    for (int32_t k = 0; k < nTags; ++k)
-      ASSERT_EQ(gFromServerTagEndArray.pData[k], tagEnd(gFromServerTagBeginArray.pData[k])) << k;
-    const int32_t nLabelled = gAttrLabelArray.nSize;
-    int nLost = 150 + 300 + 150 - (nComments + nTags + nLabelled);
-    ASSERT_EQ(gAttrFromServerOffsetArray.nSize, nLabelled);
-    ASSERT_EQ(gAttrFromServerLengthArray.nSize, nLabelled);
-    std::u16string records(gEncodedAttrs.pData, gEncodedAttrs.nSize);
-    size_t from = 0;
-    for (int32_t k = 0; k < nLabelled; ++k) {
-      int32_t label = gAttrLabelArray.pData[k];
-      int32_t at = gAttrFromServerOffsetArray.pData[k];
-      const std::u16string head = u"<p qzvx=\"" + number(label) + u"\" a=\"";
-      ASSERT_EQ(output.compare(at - 2, head.size(), head), 0) << k;
-      ASSERT_EQ(gAttrFromServerLengthArray.pData[k], tagEnd(at) - 1 - at) << k;
-      size_t nul = records.find(u'\0', from);
-      ASSERT_NE(nul, std::u16string::npos) << k;
-      // An attribute whose entry could not be made is missing whole.
-      const std::u16string a = u"a=" + number(label) + u" ", b = u"b=%22x%20y%22 ", record = records.substr(from, nul - from);
-      nLost += record != a + b;
-      ASSERT_TRUE(record == a + b || record == a || record == b) << k;
-      from = nul + 1;
-    }
-    ASSERT_EQ(from, records.size()) << "one record per labelled tag";
-    EXPECT_EQ(nLost, bFailed ? 1 : 0) << "the failed allocation loses one record or attribute, whole";
-    if (!bFailed) break;
-  }
 }
 
 }  // namespace

@@ -38,6 +38,13 @@ TEST_F(TagPrefixIndexTest, AgreesWithTheListAsItGrowsAndWhenMemoryRunsOut) {
     }
     FaultFailAt(0);
   }
+  // A list made anew behind the index's back, shorter than what it took in.
+  TagPrefixIndexStart();
+  for (const std::u16string& prefix : prefixes) Add(prefix);
+  EXPECT_TRUE(TagPrefixIndexMatches(u"asp:x"));
+  StringArrayCreate(&gTagPrefixes);
+  Add(u"x:");
+  for (const std::u16string& name : names) EXPECT_EQ(TagPrefixIndexMatches(name.c_str()), Listed(name));
 }
 
 // Regression: the test walked every declared prefix for every tag, so a page

@@ -92,6 +92,10 @@ TEST_F(UtilityTest, SwprintfTakesPercentSAsText) {
   _swprintf(buffer, 64, u"<%d%%>", 5);
   EXPECT_EQ(std::u16string(buffer), u"<5%>") << "a format without %s is used as it is, with no copy";
   FaultFailAt(1);
+  buffer[0] = 0x7777;
+  EXPECT_EQ(_swprintf(buffer, 0, u"x%sy", u"z"), -1) << "no memory for the copy, no room: nothing written";
+  EXPECT_EQ(buffer[0], 0x7777);
+  FaultFailAt(1);
   EXPECT_EQ(_swprintf(buffer, 64, u"x%sy", u"z"), -1) << "no memory for the copy: an empty text";
   EXPECT_EQ(buffer[0], 0);
   FaultFailAt(1);

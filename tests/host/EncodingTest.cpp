@@ -65,6 +65,9 @@ TEST(EncodingTest, CharactersAnEncodingCannotHoldBecomeReferencesAtTheirPlaces) 
   std::vector<size_t> referenced;
   EXPECT_EQ(EncodeText(u"é Ω\n😀€", "windows-1252", &referenced), "\xE9 &#937;\n&#128512;\x80");
   EXPECT_EQ(referenced, (std::vector<size_t>{2, 4})) << "the index of the character's first unit";
+  EXPECT_EQ(EncodeText(std::u16string{u'a', char16_t(0xDC00)}, "windows-1252", &referenced), "a&#65533;")
+      << "a lone surrogate, as the U+FFFD that windows-1252 cannot hold either";
+  EXPECT_EQ(referenced, (std::vector<size_t>{1}));
   // Past the size guessed for the output, and with the converter's state
   // carried across the growth.
   std::u16string many(5000, u'Ω');

@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/sysmacros.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -122,4 +124,51 @@ TEST_F(FilesTest, PipesDevicesAndDescriptorsAreWrittenInPlace) {
   EXPECT_EQ(Write(Path("null"), "gone"), "");
   EXPECT_TRUE(std::filesystem::is_character_file(Path("null")));
   EXPECT_EQ(Names(), "fifo null ");
+}
+
+TEST_F(FilesTest, WhatCannotBeWrittenSaysWhyAndLeavesNothingBehind) {
+  // Names that stand for descriptors, and near misses that are paths.
+  const std::pair<std::string, int> descriptors[] = {
+      {"/dev/stdin", 0}, {"/dev/stderr", 2}, {"/proc/self/fd/1", 1}, {"/dev/fd/1x", -1}, {"/dev/fd/", -1},
+      {"/dev/fd/12345678901", -1}};
+  for (const auto& [given, fd] : descriptors) {
+    OutputTarget target;
+    std::string error;
+    ResolveOutput(given, &target, &error);
+    EXPECT_EQ(target.fd, fd) << given;
+  }
+  EXPECT_EQ(FolderOf("/x") + FolderOf("x"), "/.");
+  int readOnly = open("/dev/null", O_RDONLY);
+  EXPECT_NE(Write("/dev/fd/" + std::to_string(readOnly), "x").find("Bad file descriptor"), std::string::npos);
+  close(readOnly);
+  // A socket cannot be opened, a full device takes no bytes, /proc no new
+  // file; a link with an absolute target leads there.
+  int sock = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, Path("socket").c_str(), sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  std::filesystem::create_symlink("/dev/full", Path("full"));
+  EXPECT_NE(Write(Path("socket"), "x").find("No such device or address"), std::string::npos);
+  EXPECT_NE(Write(Path("full"), "x").find(Path("full") + ": No space left on device"), std::string::npos);
+  EXPECT_NE(Write("/proc/qz-output", "x").find("/proc/qz-output: "), std::string::npos);
+  close(sock);
+  // A file that became a folder after it was found is not replaced.
+  std::ofstream(Path("out.html")) << "old";
+  OutputTarget target;
+  std::string error;
+  ASSERT_TRUE(ResolveOutput(Path("out.html"), &target, &error));
+  std::filesystem::remove(Path("out.html"));
+  std::filesystem::create_directories(Path("out.html/inside"));
+  EXPECT_FALSE(WriteOutput(target, "new", &error));
+  EXPECT_NE(error.find(Path("out.html") + ": "), std::string::npos) << error;
+  EXPECT_EQ(Names(), "full out.html socket ");
+  // A privileged command gives a replaced file back its owner.
+  if (geteuid() != 0) return;
+  std::ofstream(Path("owned")) << "old";
+  ASSERT_EQ(chown(Path("owned").c_str(), 1, 1), 0);
+  EXPECT_EQ(Write(Path("owned"), "new"), "");
+  struct stat st;
+  ASSERT_EQ(stat(Path("owned").c_str(), &st), 0);
+  EXPECT_TRUE(st.st_uid == 1 && st.st_gid == 1);
 }

@@ -1,7 +1,7 @@
 // The preview without a browser: how locks are matched to pieces, what the
-// file holds once every text in it is unescaped, the pieces read off the
-// labels, and the command's --preview option. What the preview looks like and
-// does in a browser is PreviewBrowserTest's.
+// file holds once every text in it is unescaped, and the pieces read off the
+// labels (the command's --preview option is QzTranslateTest's). What the
+// preview looks like and does in a browser is PreviewBrowserTest's.
 #include "Preview.h"
 
 #include <gtest/gtest.h>
@@ -10,11 +10,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
 
-#include "Files.h"
 #include "PreviewPieces.h"
-#include "Server.h"
 
 using namespace qzhost;
 
@@ -103,7 +100,7 @@ TEST(PreviewLayoutTest, DecodesEachPercentPairOnly) {
   EXPECT_EQ(DecodeLockCode("100%"), "100%");
   EXPECT_EQ(DecodeLockCode("%2"), "%2");
   EXPECT_EQ(DecodeLockCode("%zz%41"), "%zzA");
-  EXPECT_EQ(DecodeLockCode("\xC3\xBC%0a"), "\xC3\xBC\n");
+  EXPECT_EQ(DecodeLockCode("\xC3\xBC%0a%3c%3E%3"), "\xC3\xBC\n<>%3");
 }
 
 // Texts that would end the element or attribute they stand in, if they were
@@ -112,9 +109,10 @@ TEST(PreviewRenderTest, EveryTextComesBackWhole) {
   const std::string hostile = "\"'></iframe></code></pre></script><script>alert(1)</script><!-- & &amp; \xE2\x80\xA8";
   PreviewInput input;
   input.title = "t" + hostile;
-  input.mergedPage = "<p class=\"a\">" + hostile + Lock("%3C?=%20$a%20?%3E%22%3C/script%3E") + "</p>";
+  input.mergedPage = "<p class=\"a\">" + hostile + Lock("%3C?=%20$a%20?%3E%22%3C/script%3E") + Lock("") +
+                     Lock("\\\t\xE2\x80\xA8\xE2\x80\xA9") + "</p>";
   input.pieces = {Piece(1, 4, "<?= $a ?>\"</script>"), Piece(2, 7, hostile)};
-  input.warnings = {{3, hostile}};
+  input.warnings = {{3, hostile}, {0, "none"}};
   std::string html = RenderPreview(input);
 
   EXPECT_EQ(Unescaped(Between(html, "srcdoc=\"", "\"")), input.mergedPage);
@@ -130,6 +128,9 @@ TEST(PreviewRenderTest, EveryTextComesBackWhole) {
   std::string data = Between(html, "id=\"qz-locks\">", "</script>");
   EXPECT_EQ(data.find_first_of("<>&"), std::string::npos) << data;
   EXPECT_NE(data.find("%3C/script%3E"), std::string::npos) << data;
+  EXPECT_NE(data.find("\"\\\\\\u0009\\u2028\\u2029\""), std::string::npos) << data;
+  EXPECT_EQ(Count(html, "qz-entry qz-repeat") + Count(html, "qz-entry qz-unknown"), 2u) << "a repeat and unknown code";
+  EXPECT_NE(html.find("<li class=\"qz-warning\" data-line=\"0\">none</li>"), std::string::npos);
 
   // The content policy fetches nothing and runs only the script with its nonce.
   std::string policy = Between(html, "Content-Security-Policy\" content=\"", "\"");
@@ -138,36 +139,14 @@ TEST(PreviewRenderTest, EveryTextComesBackWhole) {
   EXPECT_EQ(Between(html, "sandbox=\"", "\""), "allow-same-origin");
 }
 
-class PreviewCommandTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_NE(mkdtemp(folder), nullptr); }
-  void TearDown() override { std::filesystem::remove_all(folder); }
-  std::string Path(const std::string& name) { return folder + ("/" + name); }
-
-  ServerRun Command(const std::string& args) {
-    ServerRun run;
-    std::string error;
-    EXPECT_TRUE(RunServer(std::string(QZ_TRANSLATE_PATH) + " " + args, folder, "", &run, &error)) << error;
-    return run;
-  }
-
-  char folder[21] = "/tmp/qzpreviewXXXXXX";
-};
-
-TEST_F(PreviewCommandTest, PreviewIsWrittenWholeOrNotAtAll) {
-  const std::string page = std::string(QZ_EXAMPLES_DIR) + "/hello.aspx";
-  const std::string answer = page + ".server-output.html";
-  EXPECT_EQ(Command("--preview p.html --labelled l.aspx " + page).exitStatus, 2);
-  EXPECT_EQ(Command("--preview p.html -o p.html --server-output " + answer + " " + page).exitStatus, 1);
-  EXPECT_EQ(Command("--preview - --server-output " + answer + " " + page).exitStatus, 1);
-  EXPECT_EQ(Command("--preview p.html --server false " + page).exitStatus, 1);
-  EXPECT_EQ(Command("--preview missing/p.html -o m.html --server-output " + answer + " " + page).exitStatus, 1);
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 0) << "files were left behind";
-
-  ServerRun run = Command("--preview p.html -o m.html --server-output " + answer + " " + page);
-  EXPECT_EQ(run.exitStatus, 0) << run.errors;
-  std::string preview, error;
-  ASSERT_TRUE(ReadWholeFile(Path("p.html"), &preview, &error)) << error;
-  EXPECT_NE(preview.find("<title>Preview of hello.aspx</title>"), std::string::npos);
-  EXPECT_EQ(Count(preview, "class=\"qz-entry qz-piece\""), 7u);
+TEST(PreviewPiecesTest, PiecesAndWarningsOfATranslation) {
+  LabelReport report;
+  report.pieces.resize(2);
+  report.pieces[1].openLabel = 2, report.pieces[1].line = 5, report.pieces[1].code = u"<?= 1 ?>";
+  report.warnings.push_back({Finding::kCodeMissing, 5, 0, "lost"});
+  PreviewInput input = PreviewOfTranslation("page.php", report, {{Finding::kOpenAtEnd, 0, 0, "open"}}, u"é");
+  EXPECT_EQ(input.title + input.mergedPage + input.pieces[1].code, "page.php\xC3\xA9<?= 1 ?>");
+  EXPECT_EQ(input.pieces[1].number * 10 + input.pieces[1].line, 25);
+  EXPECT_EQ(input.warnings.size(), 2u);
+  EXPECT_EQ(input.warnings[0].message + input.warnings[1].message, "openlost");
 }

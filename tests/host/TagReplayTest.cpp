@@ -3,7 +3,12 @@
 // merge must name what in the page caused it.
 #include "TagReplay.h"
 
+#include <random>
+
 #include "CommandFolder.h"
+#include "Library.h"
+#include "TranslationSession.h"
+#include "Utf8.h"
 
 using namespace qzhost;
 
@@ -82,4 +87,39 @@ TEST_F(TagReplayTest, CheckAgreesWithTheLibraryOnWhichPagesMerge) {
   EXPECT_EQ(check.exitStatus, 1);
   EXPECT_TRUE(Has(check.errors, Path("never.aspx") + ": line 2") && Has(check.errors, Path("footer.php") + ": line 2"))
       << check.errors;
+}
+
+// Random pages of taglib directives, server elements by prefix and by
+// attribute rules, and close tags in any order, under profiles with rules of
+// their own: the replay finds a cause exactly when the library refuses to
+// merge the page's unchanged output.
+TEST(TagReplayAgreementTest, FindsACauseExactlyWhenTheLibraryRefuses) {
+  Engine engine;
+  std::string error;
+  ASSERT_TRUE(LoadTranslatorLibrary(QZ_LIBRARY_PATH, engine, &error)) << error;
+  Profile rules = *FindProfile("asp"), uneven = rules, named = rules;
+  rules.ruleNames = {u"runat", u"id", u"data-x"}, rules.ruleValues = {u"server", u"main", u"y"};
+  rules.ruleNonHtml = {1, 1, 0};
+  uneven.ruleNames = {u"id", u"runat"}, uneven.ruleValues = {u"main"}, uneven.ruleNonHtml = {};
+  named.tagPrefixes = {u"x:"}, named.nonHtmlTags = {u"x:code"}, named.ruleNonHtml = {0};
+  const Profile* profiles[] = {FindProfile("asp"), &rules, &uneven, &named, FindProfile("php")};
+  const char16_t* pieces[] = {
+      u"<%@ taglib prefix=\"p\" uri=\"u\" %>", u"<%@taglib prefix = 'q' %>", u"<%@ TagLib PREFIX=r %>",
+      u"<%@ taglib uri=x %>", u"<%@ taglibs prefix=\"s\" %>", u"<%@ taglib prefix=\" %>", u"<%@ taglib prefix=%>",
+      u"<%@ taglib prefix", u"<%= 1 %>", u"t", u"<div>", u"<p:a>", u"<q:b>", u"<r:c/>", u"<div runat=\"server\">",
+      u"<span RunAt=Server>", u"<form runat=\"server\">", u"<x:code>", u"<td id=\"main\">", u"<b data-x=y>",
+      u"<i id=main/>", u"</div>", u"</p:a>", u"</Q:B>", u"</span>", u"</form>", u"</x:code>", u"</td>", u"</b>"};
+  std::mt19937 random(8);
+  for (int round = 0; round < 1500; ++round) {
+    const Profile& profile = *profiles[round % std::size(profiles)];
+    std::u16string page;
+    for (int n = 1 + random() % 12; n > 0; --n) page += pieces[random() % std::size(pieces)];
+    bool bBreaks = false;
+    for (const ElementFinding& f : ReplayServerElements(page, profile)) bBreaks = bBreaks || f.breaksMerge;
+    TranslationSession session(engine, profile);
+    std::u16string labelled, merged;
+    ASSERT_TRUE(session.Start(&error) && session.Label(page, &labelled, &error)) << error;
+    EXPECT_EQ(session.Merge(labelled, &merged, &error), !bBreaks)
+        << profile.name << " " << EncodeUtf8(page) << "\n" << error;
+  }
 }

@@ -74,6 +74,7 @@ void ReleaseLibraryState() {
   MemFree(gEncodedAttrs.pData);
   gEncodedAttrs = StringBuffer{};
   gbPreTranslate = 0;
+  gFromServerTitleInsideStart = gFromServerTitleInsideEnd = -1;
 }
 
 void LibraryTest::SetUp() {
