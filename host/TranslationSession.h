@@ -40,6 +40,13 @@ class TranslationSession {
   // longer needs it saves a copy of the page or of the output.
   bool Label(std::u16string&& page, std::u16string* labelled, std::string* error);
   bool Merge(std::u16string&& output, std::u16string* merged, std::string* error);
+  // A literal picks neither of the two above over the other.
+  bool Label(const char16_t* page, std::u16string* labelled, std::string* error) {
+    return Label(std::u16string_view(page), labelled, error);
+  }
+  bool Merge(const char16_t* output, std::u16string* merged, std::string* error) {
+    return Merge(std::u16string_view(output), merged, error);
+  }
   // Holds the server's output for the labelled page against its labels
   // (LabelCheck.h). When the labels could not be found in the labelled page
   // the report holds one kNoLabels warning that says the check was not made.
