@@ -13,15 +13,34 @@
 #include "AttrMerge.h"
 
 #include <cstring>
+#include <iterator>
 
 #include "Session.h"
 #include "Text16.h"
 
 namespace {
 
-// The attribute's format, and what it writes besides the record.
-constexpr char16_t kAttrFormat[] = u" qzTranslatedValue=\"%ls hilitecolor=%%22Dyn%%20Up-to-Date%%20Color%%22\"";
+// The attribute is kAttrHead, the record, kAttrTail: what it writes besides
+// the record is kAttrOutput units.
+constexpr char16_t kAttrHead[] = u" qzTranslatedValue=\"";
+constexpr char16_t kAttrTail[] = u" hilitecolor=%22Dyn%20Up-to-Date%20Color%22\"";
 constexpr int64_t kAttrOutput = 64;
+static_assert(std::size(kAttrHead) - 1 + std::size(kAttrTail) - 1 == kAttrOutput);
+
+// Writes the attribute with the record's n units at out; returns its end.
+// A NUL follows it, as after every write of the merged page so far.
+char16_t* WriteAttr(char16_t* out, const char16_t* record, int64_t n) {
+  constexpr size_t nHead = std::size(kAttrHead) - 1;
+  constexpr size_t nTail = std::size(kAttrTail) - 1;
+  std::memcpy(out, kAttrHead, nHead * sizeof(char16_t));
+  out += nHead;
+  std::memcpy(out, record, static_cast<size_t>(n) * sizeof(char16_t));
+  out += n;
+  std::memcpy(out, kAttrTail, nTail * sizeof(char16_t));
+  out += nTail;
+  *out = 0;
+  return out;
+}
 
 int32_t Min(int32_t a, int32_t b) { return a < b ? a : b; }
 
@@ -162,9 +181,7 @@ bool AttrMergeTag(AttrMerge* merge, int32_t k) {
   merge->outPtr += s - merge->copyPos;
   std::memcpy(merge->outPtr, merge->origText + o, static_cast<size_t>(m) * sizeof(char16_t));
   merge->outPtr += m;
-  char16_swprintf(merge->outPtr, static_cast<size_t>(room - (s - merge->copyPos) - m), char16_literal(kAttrFormat),
-                  record);
-  merge->outPtr += TextLength(merge->outPtr);
+  merge->outPtr = WriteAttr(merge->outPtr, record, nRecord);
   merge->copyPos = s + span;
   return true;
 }

@@ -40,8 +40,9 @@ struct TagIndex {
   int32_t* pBadBefore;    // [nTags + 1] count of tags that do not fit, before index k
   int32_t* pNameEnd;      // [nTags] position of the unit that ends the tag's name; -1: does not fit
   int32_t* pMatch;        // [nTags] matching close tag of an open tag, ignoring any limit; -1: none
-  int32_t* pOrder;        // [nTags] build scratch: fitting tags sorted by name
-  int32_t* pScratch;      // [nTags] build scratch: merge buffer, then the open-tag stack
+  int32_t* pBelow;        // [nTags] build scratch: the open tag under this one on its name's stack
+  int32_t* pSlots;        // [2 * nSlots] build scratch: per name, a tag of that name and its stack's top
+  int32_t nSlots;         // a power of two, at least twice nTags
 };
 
 // The index of the current merge; null outside one.
@@ -70,16 +71,35 @@ int64_t NameStart(const TagIndex* index, int32_t k) {
   return index->pText[begin + 1] == u'/' ? begin + 2 : begin + 1;
 }
 
-// Orders two fitting tags by their names' units, then by length.
-int CompareNames(const TagIndex* index, int32_t a, int32_t b) {
-  const char16_t* pA = index->pText + NameStart(index, a);
-  const char16_t* pB = index->pText + NameStart(index, b);
-  int64_t nA = index->pNameEnd[a] - (pA - index->pText);
-  int64_t nB = index->pNameEnd[b] - (pB - index->pText);
-  int64_t n = nA < nB ? nA : nB;
-  for (int64_t i = 0; i < n; ++i)
-    if (pA[i] != pB[i]) return pA[i] < pB[i] ? -1 : 1;
-  return nA == nB ? 0 : (nA < nB ? -1 : 1);
+// The units of a fitting tag's name and their count.
+const char16_t* NameOf(const TagIndex* index, int32_t k, int64_t* pLength) {
+  const int64_t start = NameStart(index, k);
+  *pLength = index->pNameEnd[k] - start;
+  return index->pText + start;
+}
+
+bool SameName(const TagIndex* index, int32_t a, int32_t b) {
+  int64_t nA = 0, nB = 0;
+  const char16_t* pA = NameOf(index, a, &nA);
+  const char16_t* pB = NameOf(index, b, &nB);
+  return nA == nB && std::memcmp(pA, pB, static_cast<size_t>(nA) * sizeof(char16_t)) == 0;
+}
+
+// The slot of the name of tag k (units compared exactly): the one that
+// holds a tag of that name, or the empty one where it goes.
+int32_t NameSlot(const TagIndex* index, int32_t k) {
+  int64_t n = 0;
+  const char16_t* name = NameOf(index, k, &n);
+  // Seeded with the index's own address, which changes from run to run, so
+  // that no server output can be written to make its names collide.
+  uint32_t h = 2166136261u ^ static_cast<uint32_t>(reinterpret_cast<uintptr_t>(index) >> 4);
+  for (int64_t i = 0; i < n; ++i) h = (h ^ name[i]) * 16777619u;
+  h ^= h >> 15;
+  const uint32_t mask = static_cast<uint32_t>(index->nSlots) - 1;
+  for (uint32_t s = h & mask;; s = (s + 1) & mask) {
+    const int32_t held = index->pSlots[2 * s];
+    if (held < 0 || SameName(index, held, k)) return static_cast<int32_t>(s);
+  }
 }
 
 // First index in [0, nTags) whose running maximum is at least value, which
@@ -122,49 +142,27 @@ void MarkFittingTags(TagIndex* index) {
   for (int32_t k = 0; k < n; ++k) index->pBadBefore[k + 1] = index->pBadBefore[k] + (TagFits(index, k) ? 0 : 1);
 }
 
-// Sorts the fitting tags by name, stably, bottom-up; returns their count.
-// Each level costs at most the total length of the names, which do not
-// overlap, so the whole sort is n log n in the text.
-int32_t SortByName(TagIndex* index) {
-  int32_t nSorted = 0;
-  for (int32_t k = 0; k < index->nTags; ++k)
-    if (TagFits(index, k)) index->pOrder[nSorted++] = k;
-  int32_t* pFrom = index->pOrder;
-  int32_t* pTo = index->pScratch;
-  for (int64_t width = 1; width < nSorted; width *= 2) {
-    for (int64_t lo = 0; lo < nSorted; lo += 2 * width) {
-      int64_t mid = lo + width < nSorted ? lo + width : nSorted;
-      int64_t hi = lo + 2 * width < nSorted ? lo + 2 * width : nSorted;
-      int64_t i = lo, j = mid, out = lo;
-      while (i < mid && j < hi) pTo[out++] = CompareNames(index, pFrom[j], pFrom[i]) < 0 ? pFrom[j++] : pFrom[i++];
-      while (i < mid) pTo[out++] = pFrom[i++];
-      while (j < hi) pTo[out++] = pFrom[j++];
-    }
-    int32_t* pSwap = pFrom;
-    pFrom = pTo;
-    pTo = pSwap;
-  }
-  if (pFrom != index->pOrder) std::memcpy(index->pOrder, pFrom, static_cast<size_t>(nSorted) * sizeof(int32_t));
-  return nSorted;
-}
-
-// Pairs open and close tags of each name with a stack, in scan order. That
-// is the depth count of the matching walk: only tags of exactly the same
-// name whose name ends in ">" or white space count.
+// Pairs open and close tags of each name, in scan order, with one stack per
+// name: that is the depth count of the matching walk, in which only tags of
+// exactly the same name whose name ends in ">" or white space count. The
+// names do not overlap, so hashing them all is linear in the text.
 void MatchTags(TagIndex* index) {
   for (int32_t k = 0; k < index->nTags; ++k) index->pMatch[k] = -1;
-  int32_t nSorted = SortByName(index);
-  int32_t* pStack = index->pScratch;
-  int32_t nStack = 0;
-  for (int32_t s = 0; s < nSorted; ++s) {
-    int32_t k = index->pOrder[s];
-    if (s > 0 && CompareNames(index, index->pOrder[s - 1], k) != 0) nStack = 0;
-    if (index->pText[index->pNameEnd[k]] == 0) continue;
-    bool bClose = index->pText[gFromServerTagBeginArray.pData[k] + 1] == u'/';
-    if (!bClose)
-      pStack[nStack++] = k;
-    else if (nStack > 0)
-      index->pMatch[pStack[--nStack]] = k;
+  for (int32_t s = 0; s < 2 * index->nSlots; ++s) index->pSlots[s] = -1;
+  for (int32_t k = 0; k < index->nTags; ++k) {
+    if (!TagFits(index, k) || index->pText[index->pNameEnd[k]] == 0) continue;
+    const int32_t s = NameSlot(index, k);
+    int32_t* pSlot = index->pSlots + 2 * s;
+    if (pSlot[0] < 0) pSlot[0] = k;
+    int32_t& top = pSlot[1];
+    const bool bClose = index->pText[gFromServerTagBeginArray.pData[k] + 1] == u'/';
+    if (!bClose) {
+      index->pBelow[k] = top;
+      top = k;
+    } else if (top >= 0) {
+      index->pMatch[top] = k;
+      top = index->pBelow[top];
+    }
   }
 }
 
@@ -175,7 +173,10 @@ TagIndex* BuildTagIndex(const char16_t* text, int64_t nText) {
   if (n < 0 || !gFromServerTagBeginArray.pData || !gFromServerTagEndArray.pData) n = 0;
   // Offsets are 32-bit; a longer text cannot have been described by them.
   if (nText > INT32_MAX) return nullptr;
-  const int64_t nInts = 6 * n + 1;
+  int64_t nSlots = 16;
+  while (nSlots < 2 * n) nSlots *= 2;
+  if (nSlots > INT32_MAX / 2) return nullptr;
+  const int64_t nInts = 5 * n + 1 + 2 * nSlots;
   const uint64_t nBytes = sizeof(TagIndex) + static_cast<uint64_t>(nInts) * sizeof(int32_t);
   if (nBytes > SIZE_MAX) return nullptr;
   TagIndex* index = static_cast<TagIndex*>(MemAlloc(static_cast<size_t>(nBytes)));
@@ -187,9 +188,10 @@ TagIndex* BuildTagIndex(const char16_t* text, int64_t nText) {
   index->pMaxBegin = pInts;
   index->pNameEnd = pInts + n;
   index->pMatch = pInts + 2 * n;
-  index->pOrder = pInts + 3 * n;
-  index->pScratch = pInts + 4 * n;
-  index->pBadBefore = pInts + 5 * n;
+  index->pBelow = pInts + 3 * n;
+  index->pBadBefore = pInts + 4 * n;
+  index->pSlots = pInts + 5 * n + 1;
+  index->nSlots = static_cast<int32_t>(nSlots);
   MarkFittingTags(index);
   MatchTags(index);
   return index;

@@ -71,11 +71,13 @@ inline int32_t HostReadInt32(void* cx, ScriptValue v) {
 }
 
 // Makes a script string of a NUL-terminated text; 0 when the operation is
-// absent or fails. The host copies the text.
-inline int HostStringToValue(void* cx, const char16_t* text, ScriptValue* rval) {
+// absent or fails. The host copies the text. A caller that knows the text's
+// length (its NUL's index) passes it, so the host need not measure it; 0
+// leaves the measuring to the host.
+inline int HostStringToValue(void* cx, const char16_t* text, ScriptValue* rval, size_t length = 0) {
   StringToValueOp op = HostOp<StringToValueOp>(kSlotStringToValue);
   if (!op) return 0;
-  return op(cx, text, 0, rval);
+  return op(cx, text, length, rval);
 }
 
 #endif

@@ -9,6 +9,7 @@
 
 #include "HostContract.h"
 #include "Session.h"
+#include "Text16.h"
 #include "char16.h"
 
 namespace {
@@ -70,4 +71,27 @@ int64_t LabelAttrCut(const char16_t* serverText, int64_t n, int64_t at) {
   else if (serverText[w - 1] == u'/')
     --w;
   return w - at;
+}
+
+// Reads a label comment's number as the host library's scanner reads
+// kLabelCommentScan: the lead exactly, white space, then a decimal number
+// with an optional sign, held at the int range. Written out because the
+// post pass reads every directive of the server's output this way.
+bool ReadLabelComment(const char16_t* text, int32_t* pLabel) {
+  static const char16_t* const kLead = char16_literal(kLabelCommentLead);
+  const char16_t* p = text;
+  for (const char16_t* q = kLead; *q != 0; ++p, ++q)
+    if (*p != *q) return false;
+  while (IsWhiteUnit(*p)) ++p;
+  bool bNegative = false;
+  if (*p == u'-' || *p == u'+') bNegative = *p++ == u'-';
+  if (*p < u'0' || *p > u'9') return false;
+  int64_t value = 0;
+  for (; *p >= u'0' && *p <= u'9'; ++p) {
+    value = value * 10 + (*p - u'0');
+    if (value > int64_t{INT32_MAX} + 1) value = int64_t{INT32_MAX} + 1;
+  }
+  if (bNegative) value = -value;
+  *pLabel = value > INT32_MAX ? INT32_MAX : static_cast<int32_t>(value);
+  return true;
 }

@@ -9,5 +9,6 @@ int64_t LabelledPageSize(int64_t nPage, int32_t nComments, int32_t nAttrs);
 int32_t LabelCommentCount();
 bool IsLabelNumber(int32_t label);
 int64_t LabelAttrCut(const char16_t* serverText, int64_t n, int64_t at);
+bool ReadLabelComment(const char16_t* text, int32_t* pLabel);
 
 #endif

@@ -124,22 +124,34 @@ bool IsUncolouredTag(const char16_t* origText, int64_t o, int64_t end) {
   return n + 4 < end && UnitsEqualFolded(origText + n, char16_literal(u"form"), 4);
 }
 
-// The lock opening: the script's format filled with the URL-encoded code.
+// The lock opening: the script's format filled with the URL-encoded code,
+// as the library's formatter fills it (Utility's _swprintf): "%%" gives
+// "%", and "%s" or "%ls" the code; since that formatter reads every "%s" as
+// "%ls", also one whose "%" ends a "%%", "%%s" gives "%ls". The format is
+// usable (LockFormatIsUsable), so these are the only conversions in it.
 bool AppendLockOpening(LockContext* ctx, int64_t o, int64_t nCode) {
   if (!ctx->bLockFormatUsable) return false;
-  char16_t* code = EncodeURL(ctx->origText + o, static_cast<int32_t>(nCode));
-  if (!code) return false;
-  const int64_t nOpening = ctx->nLockBeginFormat + static_cast<int64_t>(TextLength(code)) + 1;
-  char16_t* opening = TextAlloc(nOpening);
-  bool bOk = false;
-  if (opening) {
-    opening[0] = 0;
-    bOk = _swprintf(opening, static_cast<size_t>(nOpening), ctx->lockBeginFormat, code) >= 0 &&
-          Append(ctx, opening, static_cast<int64_t>(TextLength(opening)));
+  static const char16_t kPercentLs[] = u"%ls";
+  const char16_t* format = ctx->lockBeginFormat;
+  bool bOk = true;
+  int64_t from = 0, i = 0;
+  while (bOk && format[i] != 0) {
+    if (format[i] != u'%') {
+      ++i;
+      continue;
+    }
+    bOk = Append(ctx, format + from, i - from);
+    if (format[i + 1] == u'%') {
+      const bool bPercentS = format[i + 2] == u's';
+      bOk = bOk && (bPercentS ? Append(ctx, kPercentLs, 3) : Append(ctx, format + i, 1));
+      i += bPercentS ? 3 : 2;
+    } else {
+      bOk = bOk && EncodeURLAppend(ctx->locked, ctx->origText + o, static_cast<int32_t>(nCode));
+      i += format[i + 1] == u's' ? 2 : 3;
+    }
+    from = i;
   }
-  MemFree(opening);
-  MemFree(code);
-  return bOk;
+  return bOk && Append(ctx, format + from, i - from);
 }
 
 // The piece's output with highlight markup; the merge's tag index is built

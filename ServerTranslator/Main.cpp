@@ -190,8 +190,8 @@ int Directive(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rv
     PreDirective(text.text, text.length, offset);
     return Succeed(rval);
   }
-  int label = 0;
-  if (char16_swscanf(text.text, char16_literal(kLabelCommentScan), &label) == 1)
+  int32_t label = 0;
+  if (ReadLabelComment(text.text, &label))
     PostRecordLabelComment(offset, text.length, label);
   return Succeed(rval);
 }
@@ -282,13 +282,31 @@ int Text(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptValue* rval) {
 
 namespace {
 
+// Writes head, the decimal digits of number (not negative) and tail at out,
+// as the label formats put them; returns the end. LabelledPageSize counts
+// these units.
+template <size_t nHead, size_t nTail>
+char16_t* WriteLabel(char16_t* out, const char16_t (&head)[nHead], const char16_t (&tail)[nTail], int32_t number) {
+  std::memcpy(out, head, (nHead - 1) * sizeof(char16_t));
+  out += nHead - 1;
+  char16_t digits[10];
+  int nDigits = 0;
+  uint32_t n = static_cast<uint32_t>(number);
+  do {
+    digits[nDigits++] = static_cast<char16_t>(u'0' + n % 10);
+    n /= 10;
+  } while (n != 0);
+  while (nDigits > 0) *out++ = digits[--nDigits];
+  std::memcpy(out, tail, (nTail - 1) * sizeof(char16_t));
+  return out + nTail - 1;
+}
+
 // Writes the page with a label comment at every place of gOffsetArray and a
 // label attribute at every place of gAttrOffsetArray, into a new text sized
 // by LabelledPageSize. Returns null when memory runs out or a place is out of
-// order or beyond the page, in which case nothing is left allocated.
-char16_t* InsertLabels(const char16_t* page) {
-  static const char16_t* const kCommentFormat = char16_literal(kLabelCommentFormat);
-  static const char16_t* const kAttrFormat = char16_literal(kLabelAttrFormat);
+// order or beyond the page, in which case nothing is left allocated. Its
+// length goes to *pLength.
+char16_t* InsertLabels(const char16_t* page, int64_t* pLength) {
   const int64_t nPage = static_cast<int64_t>(TextLength(page));
   const int32_t nOff = gOffsetArray.nSize;
   const int32_t nAttr = gAttrOffsetArray.nSize;
@@ -310,14 +328,14 @@ char16_t* InsertLabels(const char16_t* page) {
     }
     std::memcpy(outPtr, page + p, static_cast<size_t>(o - p) * sizeof(char16_t));
     outPtr += o - p;
-    size_t room = static_cast<size_t>(outSize - (outPtr - outText));
-    char16_swprintf(outPtr, room, bComment ? kCommentFormat : kAttrFormat, bComment ? i++ : j++);
-    outPtr += TextLength(outPtr);
+    outPtr = bComment ? WriteLabel(outPtr, kLabelCommentHead, kLabelCommentTail, i++)
+                      : WriteLabel(outPtr, kLabelAttrHead, kLabelAttrTail, j++);
     p = o;
   }
   std::memcpy(outPtr, page + p, static_cast<size_t>(nPage - p + 1) * sizeof(char16_t));
   outPtr += nPage - p;
   QZ_ASSERT(outPtr - outText < outSize);
+  *pLength = outPtr - outText;
   return outText;
 }
 
@@ -331,9 +349,10 @@ int EndPreTranslate(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptVal
   int32_t nReported = 0;
   const char16_t* page = HostValueToString(cx, argv[0], &nReported);
   if (!page) return 0;
-  char16_t* outText = InsertLabels(page);
+  int64_t nOut = 0;
+  char16_t* outText = InsertLabels(page, &nOut);
   if (!outText) return 0;
-  int result = HostStringToValue(cx, outText, rval);
+  int result = HostStringToValue(cx, outText, rval, static_cast<size_t>(nOut));
   MemFree(outText);
   return result;
 }
@@ -350,6 +369,28 @@ int EndPreTranslate(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptVal
 // says which), and every buffer a stage makes is released on every path.
 
 namespace {
+
+// IntArrayGetNext4 over arrays read as far as the given counts, written
+// out for the label removal, which asks once per label and tag of the
+// output: the array whose next element is smallest, the later one at equal
+// values. At least one array has an element left.
+inline IntArray* NextOfFour(IntArray* a0, int32_t i0, int32_t n0, IntArray* a1, int32_t i1, int32_t n1, IntArray* a2,
+                            int32_t i2, int32_t n2, IntArray* a3, int32_t i3, int32_t n3) {
+  IntArray* best = nullptr;
+  int32_t bestValue = 0;
+  auto consider = [&](IntArray* a, int32_t i, int32_t n) {
+    if (i < n && (!best || a->pData[i] <= bestValue)) {
+      best = a;
+      bestValue = a->pData[i];
+    }
+  };
+  consider(a0, i0, n0);
+  consider(a1, i1, n1);
+  consider(a2, i2, n2);
+  consider(a3, i3, n3);
+  QZ_ASSERT(best != nullptr);
+  return best;
+}
 
 // Cuts every label out of serverText and rewrites the offsets recorded in
 // the post pass into offsets of the label-free text; the attribute-text
@@ -384,7 +425,7 @@ char16_t* RemoveLabels(const char16_t* serverText, int64_t* pLength) {
   while (bFits && (i < nComments || j < nAttrs || k < nBegins || l < nEnds)) {
     // A comment entry past nComments lacks its length or number: it is
     // not looked at, as if the array ended there.
-    IntArray* next = IntArrayGetNext4(comments, i < nComments ? i : comments->nSize, attrs, j, begins, k, ends, l);
+    IntArray* next = NextOfFour(comments, i, nComments, attrs, j, nAttrs, begins, k, nBegins, ends, l, nEnds);
     const int64_t pos = inPtr - serverText;
     int64_t v, cut;
     if (next == begins || next == ends) {
@@ -461,7 +502,8 @@ bool AddLocks(const char16_t* origText, const char16_t* labelFree, int64_t nLabe
 // attribute text replaced by the page's and followed by its translated-value
 // attribute (AttrMergeTag). Returns the new text, or null with nothing held
 // when memory runs out or a labelled tag does not fit as AttrMergeTag says.
-char16_t* AddAttributes(const char16_t* origText, const char16_t* lockedText, int64_t nLocked) {
+// Its length goes to *pLength.
+char16_t* AddAttributes(const char16_t* origText, const char16_t* lockedText, int64_t nLocked, int64_t* pLength) {
   const int64_t outSize = AttrMergeSize(nLocked);
   char16_t* outText = TextAlloc(outSize);
   if (!outText) return nullptr;
@@ -476,6 +518,7 @@ char16_t* AddAttributes(const char16_t* origText, const char16_t* lockedText, in
   }
   const char16_t* outPtr = merge.outPtr;
   QZ_ASSERT(outPtr - outText < outSize);
+  *pLength = outPtr - outText;
   return outText;
 }
 
@@ -519,10 +562,13 @@ int EndPostTranslate(void* cx, void*, uint32_t argc, ScriptValue* argv, ScriptVa
     MemFree(labelFree);
     return 0;
   }
-  char16_t* merged = AddAttributes(origText, locked.pData, locked.nSize - 1);
-  int result = merged ? HostStringToValue(cx, merged, rval) : 0;
+  // Each stage's input is released as soon as the next stage has its text,
+  // so that at most two texts of the merged page's size are held at once.
   MemFree(labelFree);
+  int64_t nMerged = 0;
+  char16_t* merged = AddAttributes(origText, locked.pData, locked.nSize - 1, &nMerged);
   MemFree(locked.pData);
+  int result = merged ? HostStringToValue(cx, merged, rval, static_cast<size_t>(nMerged)) : 0;
   MemFree(merged);
   return result;
 }

@@ -94,16 +94,11 @@ void PostRecordAttribute(const char16_t* name, int32_t nName, const char16_t* va
   static const char16_t* const kBlank = char16_literal(u" ");
   const bool bQuoted = !value || std::char_traits<char16_t>::find(value, TextLength(value), u' ');
   const int32_t nBefore = gEncodedAttrs.nSize;
-  char16_t* pName = EncodeURL(name, nName);
-  char16_t* pValue = EncodeURL(value, value ? nValue : 0);
   StringBuffer* out = &gEncodedAttrs;
-  bool bOk = pName && pValue && StringBufferAddUnits(out, pName, static_cast<int64_t>(TextLength(pName))) &&
-             StringBufferAdd(out, kEquals, 1) && (!bQuoted || StringBufferAdd(out, kQuote, 3)) &&
-             StringBufferAddUnits(out, pValue, static_cast<int64_t>(TextLength(pValue))) &&
+  bool bOk = EncodeURLAppend(out, name, nName) && StringBufferAdd(out, kEquals, 1) &&
+             (!bQuoted || StringBufferAdd(out, kQuote, 3)) && EncodeURLAppend(out, value, value ? nValue : 0) &&
              (!bQuoted || StringBufferAdd(out, kQuote, 3)) && StringBufferAdd(out, kBlank, 1);
   if (!bOk) out->nSize = nBefore;
-  MemFree(pName);
-  MemFree(pValue);
 }
 
 // The open tag being scanned carried label attribute label: its attribute

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "Memory.h"
+#include "StringBuffer.h"
 #include "Text16.h"
 
 // ---------------------------------------------------------------------------
@@ -73,6 +74,30 @@ static bool IsUrlSafePunct(char16_t u) {
   }
 }
 
+namespace {
+
+// Writes the encoding of text[*pi] at out (three units at most) and moves
+// *pi past what it took: CR LF is taken whole.
+char16_t* EncodeUnit(const char16_t* text, int64_t* pi, char16_t* out) {
+  static const char16_t kHexDigits[] = u"0123456789ABCDEF";
+  const int64_t i = (*pi)++;
+  char16_t u = text[i];
+  if (u == '\r') {
+    if (text[i + 1] == '\n') ++*pi;
+    u = '\n';
+  } else if (!IsControlPunctOrWhite(u) || IsUrlSafePunct(u)) {
+    *out++ = u;
+    return out;
+  }
+  // Only units below 128 are escaped: two upper-case hex digits each.
+  *out++ = u'%';
+  *out++ = kHexDigits[u >> 4];
+  *out++ = kHexDigits[u & 15];
+  return out;
+}
+
+}  // namespace
+
 // Percent-encodes the first length units of text into a new text that the
 // caller releases. CR and CR LF both become %0A (an LF just past the length
 // is taken with its CR); controls, white space and punctuation other than
@@ -83,23 +108,26 @@ char16_t* EncodeURL(const char16_t* text, int32_t length) {
   // Each unit becomes at most three.
   char16_t* result = TextAlloc(3 * n + 1);
   if (!result) return nullptr;
-
-  const char16_t* escape = char16_literal(u"%%%02X");
   char16_t* out = result;
-  for (int64_t i = 0; i < n; ++i) {
-    char16_t u = text[i];
-    if (u == '\r') {
-      if (text[i + 1] == '\n') ++i;
-      u = '\n';
-    } else if (!IsControlPunctOrWhite(u) || IsUrlSafePunct(u)) {
-      *out++ = u;
-      continue;
-    }
-    char16_swprintf(out, 4, escape, u);
-    out += 3;
-  }
+  for (int64_t i = 0; i < n;) out = EncodeUnit(text, &i, out);
   *out = 0;
   return result;
+}
+
+// Appends what EncodeURL makes of the text to out, through a small block on
+// the stack, so that no text of its own is allocated. Returns 0 when out
+// cannot grow; what was appended before then stays.
+int EncodeURLAppend(StringBuffer* out, const char16_t* text, int32_t length) {
+  const int64_t n = text && length > 0 ? length : 0;
+  char16_t block[256 + 3];
+  char16_t* w = block;
+  for (int64_t i = 0; i < n;) {
+    w = EncodeUnit(text, &i, w);
+    if (w - block < 256) continue;
+    if (!StringBufferAdd(out, block, static_cast<int32_t>(w - block))) return 0;
+    w = block;
+  }
+  return StringBufferAdd(out, block, static_cast<int32_t>(w - block));
 }
 
 // ---------------------------------------------------------------------------

@@ -10,6 +10,8 @@
 
 int _swprintf(char16_t* buffer, size_t size, const char16_t* format, ...);
 char16_t* EncodeURL(const char16_t* text, int32_t length);
+struct StringBuffer;
+int EncodeURLAppend(StringBuffer* out, const char16_t* text, int32_t length);
 int FindHashPair(const char16_t* text, int64_t from, int64_t* pStart, int64_t* pEnd);
 const char16_t* StringSetLineEndingsToMatch(const char16_t* model, const char16_t* text);
 

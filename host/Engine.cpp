@@ -6,7 +6,7 @@ namespace qzhost {
 
 // Parses a decimal integer the way the engine's number conversion does for
 // the texts the translator passes: optional blanks, sign, digits; else 0.
-static int64_t ParseInteger(const std::u16string& text) {
+static int64_t ParseInteger(std::u16string_view text) {
   size_t i = 0;
   while (i < text.size() && (text[i] == u' ' || text[i] == u'\t' || text[i] == u'\n' || text[i] == u'\r')) ++i;
   bool negative = false;
@@ -30,10 +30,57 @@ Engine::Engine() {
   trueCell_.className = "Boolean";
   falseCell_.kind = Kind::Bool;
   falseCell_.className = "Boolean";
+  for (Cell& c : argTexts_) c.className = "String";
+  for (Cell& c : argInts_) {
+    c.kind = Kind::Int;
+    c.className = "Number";
+  }
+}
+
+Value Engine::View(const std::u16string& text) {
+  Cell c;
+  c.kind = Kind::String;
+  c.view = text;
+  c.bView = true;
+  c.bViewEnded = true;
+  c.className = "String";
+  return Make(std::move(c));
+}
+
+Value Engine::ArgText(size_t slot, std::u16string_view text, bool bEnded) {
+  Cell& c = argTexts_[slot];
+  c.view = text;
+  c.bView = true;
+  c.bViewEnded = bEnded;
+  return reinterpret_cast<Value>(&c);
+}
+
+Value Engine::ArgInt(size_t slot, int64_t n) {
+  argInts_[slot].number = n;
+  return reinterpret_cast<Value>(&argInts_[slot]);
+}
+
+std::u16string Engine::Take(Value v) {
+  Cell* c = CellOf(v);
+  if (!c || c->kind != Kind::String) return ToText(v);
+  std::u16string text = c->bView ? std::u16string(c->view) : std::move(c->text);
+  c->text.clear();
+  c->bView = false;
+  return text;
+}
+
+// The NUL-ended text of a string cell; a view not known to be followed by a
+// NUL is copied into the cell's own storage first.
+const char16_t* Engine::EndedText(Cell* c) {
+  if (!c->bView) return c->text.c_str();
+  if (c->bViewEnded) return c->view.data();
+  c->text.assign(c->view);
+  return c->text.c_str();
 }
 
 Value Engine::Make(Cell cell) {
   cells_.push_back(std::move(cell));
+  ++nCells_;
   return reinterpret_cast<Value>(&cells_.back());
 }
 
@@ -77,7 +124,7 @@ std::u16string Engine::ToText(Value v) {
   Cell* c = CellOf(v);
   if (!c) return u"null";
   switch (c->kind) {
-    case Kind::String: return c->text;
+    case Kind::String: return std::u16string(TextOf(*c));
     case Kind::Int: return DecimalText(c->number);
     case Kind::Bool: return c->number ? u"true" : u"false";
     case Kind::Array: {
@@ -92,9 +139,15 @@ std::u16string Engine::ToText(Value v) {
   return u"";
 }
 
-void Engine::Release(Mark mark) {
-  while (cells_.size() > mark.cells) cells_.pop_back();
-  while (conversions_.size() > mark.conversions) conversions_.pop_back();
+void Engine::Drop(Mark mark) {
+  while (nCells_ > mark.cells) {
+    cells_.pop_back();
+    --nCells_;
+  }
+  while (nConversions_ > mark.conversions) {
+    conversions_.pop_back();
+    --nConversions_;
+  }
 }
 
 NativeFn Engine::Find(const std::string& name) const {
@@ -126,7 +179,7 @@ struct EngineOps {
     Engine::Cell* c = Of(cx)->CellOf(v);
     if (!c) { *out = 0; return 1; }
     switch (c->kind) {
-      case Engine::Kind::String: *out = static_cast<intptr_t>(ParseInteger(c->text)); break;
+      case Engine::Kind::String: *out = static_cast<intptr_t>(ParseInteger(Engine::TextOf(*c))); break;
       default: *out = static_cast<intptr_t>(c->number); break;
     }
     return 1;
@@ -136,7 +189,7 @@ struct EngineOps {
     Engine::Cell* c = Of(cx)->CellOf(v);
     if (!c) { *out = 0; return 1; }
     switch (c->kind) {
-      case Engine::Kind::String: *out = !c->text.empty(); break;
+      case Engine::Kind::String: *out = !Engine::TextOf(*c).empty(); break;
       case Engine::Kind::Array: *out = 1; break;
       default: *out = c->number != 0; break;
     }
@@ -166,15 +219,15 @@ struct EngineOps {
   static const char16_t* ToString(void* cx, Value v, int32_t* length) {
     Engine* e = Of(cx);
     Engine::Cell* c = e->CellOf(v);
-    const std::u16string* text;
     if (c && c->kind == Engine::Kind::String) {
-      text = &c->text;
-    } else {
-      e->conversions_.push_back(e->ToText(v));
-      text = &e->conversions_.back();
+      *length = static_cast<int32_t>(Engine::TextOf(*c).size());
+      return Engine::EndedText(c);
     }
-    *length = static_cast<int32_t>(text->size());
-    return text->c_str();
+    e->conversions_.push_back(e->ToText(v));
+    ++e->nConversions_;
+    const std::u16string& text = e->conversions_.back();
+    *length = static_cast<int32_t>(text.size());
+    return text.c_str();
   }
 
   static int StringToValue(void* cx, const char16_t* text, size_t length, Value* out) {

@@ -6,6 +6,12 @@
 // hold.
 #include "LabelCheck.h"
 
+#include <cstring>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "HostContract.h"
 #include "Lines.h"
 #include "PageEnd.h"
@@ -39,7 +45,10 @@ std::string Snippet(std::u16string_view text) {
   size_t n = text.size() < 40 ? text.size() : 40;
   size_t lineEnd = text.substr(0, n).find_first_of(u"\r\n");
   if (lineEnd != std::u16string_view::npos) n = lineEnd;
-  return "`" + EncodeUtf8(text.substr(0, n)) + (n < text.size() ? "...`" : "`");
+  std::string shown = "`";
+  shown += EncodeUtf8(text.substr(0, n));
+  shown += n < text.size() ? "...`" : "`";
+  return shown;
 }
 
 // A number as the library reads a label: blanks, a sign, decimal digits,
@@ -447,11 +456,45 @@ LabelReport Checker::Run() {
 
 }  // namespace
 
+namespace {
+
+// The first position from q on where a label could start ("<!" or " q"), or
+// the last position of text; eight positions at a time where SSE2 is there.
+size_t NextLabelStart(std::u16string_view text, size_t q) {
+  const size_t n = text.size();
+#if defined(__SSE2__)
+  const __m128i lt = _mm_set1_epi16('<'), bang = _mm_set1_epi16('!');
+  const __m128i blank = _mm_set1_epi16(' '), letter = _mm_set1_epi16('q');
+  for (; q + 9 <= n; q += 8) {
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + q));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text.data() + q + 1));
+    const __m128i hit = _mm_or_si128(_mm_and_si128(_mm_cmpeq_epi16(a, lt), _mm_cmpeq_epi16(b, bang)),
+                                     _mm_and_si128(_mm_cmpeq_epi16(a, blank), _mm_cmpeq_epi16(b, letter)));
+    const unsigned mask = static_cast<unsigned>(_mm_movemask_epi8(hit));
+    if (mask != 0) return q + static_cast<size_t>(__builtin_ctz(mask)) / 2;
+  }
+#endif
+  while (q + 1 < n && !((text[q] == u'<' && text[q + 1] == u'!') || (text[q] == u' ' && text[q + 1] == u'q'))) ++q;
+  return q;
+}
+
+}  // namespace
+
 bool LocateLabels(std::u16string_view page, std::u16string_view labelled, LabelPlaces* places) {
   *places = LabelPlaces();
   std::u16string comment = CommentLabel(0), attr = AttrLabel(0);
   size_t p = 0, q = 0;
   while (q < labelled.size()) {
+    // Up to the next place where a label could start, the two texts must
+    // be equal: compared as one run rather than unit by unit.
+    size_t run = NextLabelStart(labelled, q);
+    if (run > q) {
+      size_t n = run - q;
+      if (p + n > page.size() || std::memcmp(labelled.data() + q, page.data() + p, n * sizeof(char16_t)) != 0)
+        return false;
+      p += n;
+      q += n;
+    }
     char16_t u = labelled[q];
     char16_t next = q + 1 < labelled.size() ? labelled[q + 1] : u'\0';
     if (u == u'<' && next == u'!' && labelled.substr(q, comment.size()) == comment) {

@@ -15,13 +15,20 @@
 
 namespace qzhost {
 
-// Each call gets fresh script values, dropped again once the call has
-// returned, so a long page does not pile them up in the engine.
+// Each call's arguments are the engine's reusable argument values
+// (Engine::ArgText, ArgInt): a scan makes no value per item. A sink given
+// the scanned text to write into hands the library its texts in place: for
+// the length of the call, the unit after each text argument is a NUL. Other
+// texts are copied when the library reads them. Whatever a call makes in
+// the engine besides is dropped once it has returned.
 class LibrarySink : public ScanSink {
  public:
   // start and end: the profile's directive characters, given in the pre
   // pass only.
   explicit LibrarySink(Engine& engine, std::u16string_view start = {}, std::u16string_view end = {});
+  // The text about to be scanned, which the sink may change during each
+  // call and restores before the call returns; null: texts are copied.
+  void WriteInto(std::u16string* scanned) { scanned_ = scanned; }
 
   bool Directive(std::u16string_view text, int32_t offset) override;
   bool OpenTagBegin(std::u16string_view name, int32_t offset) override;
@@ -41,13 +48,19 @@ class LibrarySink : public ScanSink {
   const OpenEnd& GetOpenEnd() const { return openEnd_; }
 
  private:
-  Value Str(std::u16string_view text) { return engine_.Str(std::u16string(text)); }
-  bool Send(NativeFn fn, const char* name, int32_t offset, std::initializer_list<Value> args);
+  Value Text(size_t slot, std::u16string_view text);
+  void Restore();
+  Value Int(size_t slot, int64_t n) { return engine_.ArgInt(slot, n); }
+  bool Send(NativeFn fn, const char* name, int32_t offset, uint32_t argc, Value a, Value b = kNull);
 
   Engine& engine_;
   Engine::Mark mark_;
   NativeFn directive_, openTagBegin_, attribute_, openTagEnd_, closeTagBegin_, closeTagEnd_, text_;
   int32_t tagOffset_ = 0;  // the "<" of the tag being reported
+  std::u16string* scanned_ = nullptr;
+  char16_t* ended_[Engine::kArgSlots] = {};  // units made NUL for the call, in the order made
+  char16_t saved_[Engine::kArgSlots] = {};   // what they held
+  size_t nEnded_ = 0;
   std::string failure_;
   std::vector<std::pair<Unfinished, int32_t>> cuts_;
   std::u16string start_, end_;

@@ -36,7 +36,8 @@ OpenEnd DescribeOpenEnd(std::u16string_view text, std::u16string_view start, std
   open.bHoldsCode = !IsBlank(text.substr(at + start.size()));
   // A line break first, so that a line comment at the end of the code
   // cannot swallow the end characters.
-  open.closing = u"\n" + std::u16string(end);
+  open.closing = u"\n";
+  open.closing += end;
   // The library takes a directive as server code when it holds both the
   // start and the end characters; the end ones are written over the last
   // units, where they leave the start ones whole.

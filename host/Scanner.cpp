@@ -8,6 +8,10 @@
 
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace qzhost {
 namespace {
 
@@ -39,6 +43,13 @@ class PageScan {
   // row, or kNone.
   size_t Find(size_t from, char16_t a, char16_t b) const;
   size_t Find(size_t from, char16_t a, char16_t b, char16_t c) const;
+  // First position at or after from that holds a or b, or the page's
+  // length: text between constructs is passed over eight units at a time.
+  size_t NextOf(size_t from, char16_t a, char16_t b) const;
+  // The end of the run from q that stops at stop: server blocks in it are
+  // passed over whole, so a stop inside one does not count. The page's
+  // length when no stop follows.
+  size_t SkipTo(size_t q, char16_t stop) const;
 
   bool IsServerBlockAt(size_t p) const {
     return p + 1 < n_ && s_[p] == u'<' && (s_[p + 1] == u'%' || s_[p + 1] == u'?');
@@ -76,15 +87,35 @@ class PageScan {
   std::vector<AttrSpan> attrs_;
 };
 
+size_t PageScan::NextOf(size_t from, char16_t a, char16_t b) const {
+  size_t p = from;
+#if defined(__SSE2__)
+  const __m128i wantA = _mm_set1_epi16(static_cast<short>(a)), wantB = _mm_set1_epi16(static_cast<short>(b));
+  for (; p + 8 <= n_; p += 8) {
+    const __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s_.data() + p));
+    const unsigned mask = static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_or_si128(_mm_cmpeq_epi16(units, wantA), _mm_cmpeq_epi16(units, wantB))));
+    if (mask != 0) return p + static_cast<size_t>(__builtin_ctz(mask)) / 2;
+  }
+#endif
+  while (p < n_ && s_[p] != a && s_[p] != b) ++p;
+  return p < n_ ? p : n_;
+}
+
+size_t PageScan::SkipTo(size_t q, char16_t stop) const {
+  while ((q = NextOf(q, stop, u'<')) < n_ && s_[q] != stop) q = IsServerBlockAt(q) ? ServerBlockEnd(q) : q + 1;
+  return q;
+}
+
 size_t PageScan::Find(size_t from, char16_t a, char16_t b) const {
-  for (size_t p = from; p + 1 < n_; ++p)
-    if (s_[p] == a && s_[p + 1] == b) return p;
+  for (size_t p = NextOf(from, a, a); p + 1 < n_; p = NextOf(p + 1, a, a))
+    if (s_[p + 1] == b) return p;
   return kNone;
 }
 
 size_t PageScan::Find(size_t from, char16_t a, char16_t b, char16_t c) const {
-  for (size_t p = from; p + 2 < n_; ++p)
-    if (s_[p] == a && s_[p + 1] == b && s_[p + 2] == c) return p;
+  for (size_t p = NextOf(from, a, a); p + 2 < n_; p = NextOf(p + 1, a, a))
+    if (s_[p + 1] == b && s_[p + 2] == c) return p;
   return kNone;
 }
 
@@ -108,7 +139,7 @@ size_t PageScan::DirectiveEnd(size_t p, bool* closed) const {
     markLength = 3;
   } else {
     size_t q = p + 2;
-    while (q < n_ && s_[q] != u'>') q = IsServerBlockAt(q) ? ServerBlockEnd(q) : q + 1;
+    q = SkipTo(q, u'>');
     close = q < n_ ? q : kNone;
     markLength = 1;
   }
@@ -154,7 +185,7 @@ bool PageScan::MeasureOpenTag(size_t p) {
       char16_t quote = s_[r];
       if (quote == u'"' || quote == u'\'') {
         a.valueBegin = ++r;
-        while (r < n_ && s_[r] != quote) r = IsServerBlockAt(r) ? ServerBlockEnd(r) : r + 1;
+        r = SkipTo(r, quote);
         if (r >= n_) return false;
         a.valueEnd = r;
         q = r + 1;
@@ -175,7 +206,7 @@ bool PageScan::MeasureCloseTag(size_t p, size_t* nameEnd, size_t* end) const {
   size_t q = p + 2;
   while (q < n_ && !IsScanSpace(s_[q]) && s_[q] != u'/' && s_[q] != u'>' && !IsServerBlockAt(q)) ++q;
   *nameEnd = q;
-  while (q < n_ && s_[q] != u'>') q = IsServerBlockAt(q) ? ServerBlockEnd(q) : q + 1;
+  q = SkipTo(q, u'>');
   if (q >= n_) return false;
   *end = q + 1;
   return true;
@@ -183,11 +214,7 @@ bool PageScan::MeasureCloseTag(size_t p, size_t* nameEnd, size_t* end) const {
 
 size_t PageScan::FindRawClose(size_t from, std::u16string_view name) const {
   size_t q = from;
-  while (q < n_) {
-    if (s_[q] != u'<') {
-      ++q;
-      continue;
-    }
+  while ((q = NextOf(q, u'<', u'<')) < n_) {
     if (IsServerBlockAt(q)) {
       q = ServerBlockEnd(q);
       continue;
@@ -222,8 +249,7 @@ bool PageScan::ReportOpenTag(size_t p) {
 bool PageScan::Run() {
   size_t pos = 0;
   while (pos < n_) {
-    size_t p = pos;
-    while (p < n_ && s_[p] != u'<') ++p;
+    size_t p = NextOf(pos, u'<', u'<');
     if (p + 1 >= n_) break;
     char16_t next = s_[p + 1];
     if (next == u'!' || next == u'%' || next == u'?') {

@@ -60,21 +60,23 @@ double Now() {
   _exit(127);
 }
 
-// The parent's ends of the three pipes (-1 once closed) and the child.
-struct Exchange {
-  int toServer = -1, fromServer = -1, errFromServer = -1;
-  pid_t pid = -1;      // the server's process, also its group
-  int pidFd = -1;      // readable once the server has exited; -1: poll by ticks
-  bool exited = false;  // the server has been reaped, its status in status
-  int status = 0;
-  struct sigaction savedPipe = {};
-};
+// The parent's ends of the three pipes and the child.
+using Exchange = ServerProcess;
+
+// SIGPIPE as it was before the first server started; servers run one at a
+// time.
+struct sigaction gSavedPipe = {};
+
+// Pipes this large hold a whole page of a few hundred kilobytes, so the
+// exchange with the server takes few rounds of waking either side. A
+// system that refuses the size keeps its own.
+constexpr int kPipeBytes = 1 << 20;
 
 // Makes the three pipes, each end closed on exec, and ignores SIGPIPE so
 // that writing to a server that has closed its input gives EPIPE here
 // instead of killing the host (the child gets the default back before
 // exec). On failure nothing is left open and the message says why.
-bool SetUp(int inPipe[2], int outPipe[2], int errPipe[2], Exchange* ex, std::string* error) {
+bool SetUp(int inPipe[2], int outPipe[2], int errPipe[2], std::string* error) {
   // The pipes must not land on 0, 1 or 2, where the child's dup2 calls
   // would trip over them: a host started with one of those closed gets it
   // opened on /dev/null first.
@@ -92,7 +94,7 @@ bool SetUp(int inPipe[2], int outPipe[2], int errPipe[2], Exchange* ex, std::str
   }
   struct sigaction ignore = {};
   ignore.sa_handler = SIG_IGN;
-  sigaction(SIGPIPE, &ignore, &ex->savedPipe);
+  sigaction(SIGPIPE, &ignore, &gSavedPipe);
   // Orphans of the server (its background children, once it has exited)
   // come to this process, which can then reap them when it ends the group.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
@@ -103,7 +105,7 @@ bool SetUp(int inPipe[2], int outPipe[2], int errPipe[2], Exchange* ex, std::str
 // failure every pipe is closed, SIGPIPE is restored and the message says
 // why.
 bool Spawn(const std::string& command, const std::string& folder, int inPipe[2], int outPipe[2], int errPipe[2],
-           std::string_view input, Exchange* ex, std::string* error) {
+           Exchange* ex, std::string* error) {
   // Held off until the group is registered, so that an interruption always
   // finds the server it must end; the child lets them through again.
   BlockInterrupts();
@@ -127,14 +129,15 @@ bool Spawn(const std::string& command, const std::string& folder, int inPipe[2],
     CloseIf(&ex->toServer);
     CloseIf(&ex->fromServer);
     CloseIf(&ex->errFromServer);
-    sigaction(SIGPIPE, &ex->savedPipe, nullptr);
+    sigaction(SIGPIPE, &gSavedPipe, nullptr);
     *error = std::string("cannot start the server: ") + std::strerror(forkErr);
     return false;
   }
   ex->pid = pid;
   ex->pidFd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
   fcntl(ex->toServer, F_SETFL, fcntl(ex->toServer, F_GETFL) | O_NONBLOCK);
-  if (input.empty()) CloseIf(&ex->toServer);
+  fcntl(ex->toServer, F_SETPIPE_SZ, kPipeBytes);
+  fcntl(ex->fromServer, F_SETPIPE_SZ, kPipeBytes);
   return true;
 }
 
@@ -251,7 +254,7 @@ void Reap(Exchange* ex, bool inTime, double graceSeconds, ServerRun* run) {
   }
   ForgetServerGroup();
   if (ex->pidFd >= 0) close(ex->pidFd);
-  sigaction(SIGPIPE, &ex->savedPipe, nullptr);
+  sigaction(SIGPIPE, &gSavedPipe, nullptr);
   if (run->errors.size() > kErrorTail) run->errors.erase(0, run->errors.size() - kErrorTail);
   if (WIFEXITED(ex->status)) {
     run->exitStatus = WEXITSTATUS(ex->status);
@@ -262,16 +265,45 @@ void Reap(Exchange* ex, bool inTime, double graceSeconds, ServerRun* run) {
 
 }  // namespace
 
+bool StartServer(const std::string& command, const std::string& folder, ServerProcess* server, std::string* error,
+                 const ServerLimits& limits) {
+  *server = ServerProcess();
+  server->limits = limits;
+  int inPipe[2], outPipe[2], errPipe[2];
+  if (!SetUp(inPipe, outPipe, errPipe, error)) return false;
+  return Spawn(command, folder, inPipe, outPipe, errPipe, server, error);
+}
+
+void FinishServer(ServerProcess* server, std::string_view input, ServerRun* run) {
+  *run = ServerRun();
+  if (input.empty()) CloseIf(&server->toServer);
+  double deadline = server->limits.timeoutSeconds > 0 ? Now() + server->limits.timeoutSeconds : 0;
+  bool inTime = Pump(input, deadline, server, run);
+  Reap(server, inTime, server->limits.graceSeconds, run);
+}
+
+void AbandonServer(ServerProcess* server) {
+  CloseIf(&server->toServer);
+  CloseIf(&server->fromServer);
+  CloseIf(&server->errFromServer);
+  if (!server->exited) EndProcessGroup(server->pid, server->pid, server->limits.graceSeconds, &server->status,
+                                       &server->exited);
+  while (!server->exited) {
+    pid_t done = waitpid(server->pid, &server->status, 0);
+    server->exited = done == server->pid || (done < 0 && errno != EINTR);
+  }
+  ForgetServerGroup();
+  if (server->pidFd >= 0) close(server->pidFd);
+  server->pidFd = -1;
+  sigaction(SIGPIPE, &gSavedPipe, nullptr);
+}
+
 bool RunServer(const std::string& command, const std::string& folder, std::string_view input, ServerRun* run,
                std::string* error, const ServerLimits& limits) {
   *run = ServerRun();
-  int inPipe[2], outPipe[2], errPipe[2];
-  Exchange ex;
-  if (!SetUp(inPipe, outPipe, errPipe, &ex, error)) return false;
-  double deadline = limits.timeoutSeconds > 0 ? Now() + limits.timeoutSeconds : 0;
-  if (!Spawn(command, folder, inPipe, outPipe, errPipe, input, &ex, error)) return false;
-  bool inTime = Pump(input, deadline, &ex, run);
-  Reap(&ex, inTime, limits.graceSeconds, run);
+  ServerProcess server;
+  if (!StartServer(command, folder, &server, error, limits)) return false;
+  FinishServer(&server, input, run);
   return true;
 }
 

@@ -47,6 +47,32 @@ struct ServerLimits {
 bool RunServer(const std::string& command, const std::string& folder, std::string_view input, ServerRun* run,
                std::string* error, const ServerLimits& limits = {});
 
+// A server started before its input is ready, so that its start-up
+// overlaps the host's own work (labelling the page). Between StartServer and
+// FinishServer it waits for its standard input; a start must be followed by
+// exactly one FinishServer or AbandonServer.
+struct ServerProcess {
+  int toServer = -1, fromServer = -1, errFromServer = -1;  // the parent's pipe ends; -1 once closed
+  int pidFd = -1;   // readable once the server has exited; -1: poll by ticks
+  int pid = -1;     // the server's process, also its group
+  bool exited = false;  // the server has been reaped, its status in status
+  int status = 0;
+  ServerLimits limits;
+};
+
+// Starts command as RunServer does; false, with nothing left running, when
+// it cannot be started.
+bool StartServer(const std::string& command, const std::string& folder, ServerProcess* server, std::string* error,
+                 const ServerLimits& limits = {});
+
+// Gives the started server its input and runs it to the end as RunServer
+// does; the time limit counts from here.
+void FinishServer(ServerProcess* server, std::string_view input, ServerRun* run);
+
+// Ends a started server that will get no input: its whole group is ended
+// and reaped.
+void AbandonServer(ServerProcess* server);
+
 // The last lines of a server's standard error, at most maxBytes long, for a
 // message; whole lines where possible.
 std::string ErrorTail(std::string_view errors, size_t maxBytes = 2000);

@@ -227,7 +227,10 @@ std::string Shown(std::u16string_view name) { return EncodeUtf8(name); }
 // The start of a block for a message: up to 24 units of its first line.
 std::string Snippet(std::u16string_view block) {
   size_t n = std::min<size_t>({block.size(), 24, block.find_first_of(u"\r\n")});
-  return "`" + EncodeUtf8(block.substr(0, n)) + (n < block.size() ? "...`" : "`");
+  std::string shown = "`";
+  shown += EncodeUtf8(block.substr(0, n));
+  shown += n < block.size() ? "...`" : "`";
+  return shown;
 }
 
 std::string Consequence(const ElementFinding& f) {
@@ -263,7 +266,8 @@ size_t FindingOffset(const ElementFinding& finding) {
 }
 
 std::string DescribeFinding(const ElementFinding& f, const PlaceTable& places) {
-  std::string element = "<" + Shown(f.element) + "> (line " + std::to_string(places.At(f.elementOffset).line) + ")";
+  std::string element = "<";
+  element += Shown(f.element) + "> (line " + std::to_string(places.At(f.elementOffset).line) + ")";
   std::string what;
   if (f.kind == ElementProblem::kClosedEarly) {
     Place at = places.At(f.closerOffset);
@@ -273,8 +277,9 @@ std::string DescribeFinding(const ElementFinding& f, const PlaceTable& places) {
   } else if (f.kind == ElementProblem::kNeverClosed) {
     what = "the server element " + element + " is never closed";
   } else {
-    what = "the server block " + Snippet(f.element) + " (line " +
-           std::to_string(places.At(f.elementOffset).line) + ") is open at the end of the page";
+    what = "the server block ";
+    what += Snippet(f.element) + " (line " + std::to_string(places.At(f.elementOffset).line) +
+            ") is open at the end of the page";
   }
   return what + "; " + Consequence(f);
 }

@@ -20,7 +20,10 @@ std::string CutSnippet(std::u16string_view rest) {
   size_t shown = std::min<size_t>(rest.size(), 24);
   for (size_t i = 0; i < shown; ++i)
     if (rest[i] == u'\n' || rest[i] == u'\r') shown = i;
-  return "`" + EncodeUtf8(rest.substr(0, shown)) + (shown < rest.size() ? "...`" : "`");
+  std::string snippet = "`";
+  snippet += EncodeUtf8(rest.substr(0, shown));
+  snippet += shown < rest.size() ? "...`" : "`";
+  return snippet;
 }
 
 // Where text holds server code of the profile: a directive start, an
@@ -40,6 +43,11 @@ size_t ServerCodeIn(std::u16string_view text, const Profile& profile) {
 std::u16string LabelComment(size_t n) {
   std::string digits = std::to_string(n);
   return kLabelCommentHead + std::u16string(digits.begin(), digits.end()) + kLabelCommentTail;
+}
+
+std::u16string LabelAttribute(size_t n) {
+  std::string digits = std::to_string(n);
+  return kLabelAttrHead + std::u16string(digits.begin(), digits.end()) + kLabelAttrTail;
 }
 
 }  // namespace
@@ -88,9 +96,12 @@ std::vector<Value> TranslationSession::PreSettings() {
 
 // Reports text to the library's callbacks; in the pre pass the constructs
 // that the end of the text cut off become warnings.
-bool TranslationSession::Scan(std::u16string_view text, const char* what, bool prePass, std::string* error) {
+// The text is the session's own; the sink writes into it during each call
+// and leaves it as it was.
+bool TranslationSession::Scan(std::u16string& text, const char* what, bool prePass, std::string* error) {
   std::u16string_view start = prePass ? std::u16string_view(profile_.directiveStart) : std::u16string_view();
   LibrarySink sink(engine_, start, profile_.directiveEnd);
+  sink.WriteInto(&text);
   bool ok = ScanOutput(text, prePass ? u"" : LastLabelApart(), sink);
   if (!ok) *error = sink.Failure().empty() ? std::string(what) + " could not be scanned" : sink.Failure();
   if (prePass) {
@@ -116,6 +127,28 @@ void TranslationSession::CloseOpenEnd(std::u16string_view page, int32_t offset, 
   labelled->insert(labelled->size() - last.size(), open.closing);
   closedOpenEnd_ = true;
   echoedEnd_ = std::u16string(page.substr(static_cast<size_t>(offset))) + open.closing + last;
+}
+
+// The labelled page of the last Label: the page with its labels put back
+// at their places (a label attribute before a label comment at the same
+// place, as the library puts them), and the closing text of an open end
+// before the last label.
+std::u16string TranslationSession::LabelledPage() const {
+  if (!located_) return labelledPage_;
+  std::u16string labelled;
+  const std::vector<size_t>& comments = places_.comments;
+  const std::vector<size_t>& attrs = places_.attributes;
+  size_t i = 0, j = 0, p = 0;
+  while (i < comments.size() || j < attrs.size()) {
+    bool bAttr = j < attrs.size() && (i >= comments.size() || attrs[j] <= comments[i]);
+    size_t at = bAttr ? attrs[j] : comments[i];
+    labelled.append(page_, p, at - p);
+    labelled += bAttr ? LabelAttribute(j++) : LabelComment(i++);
+    p = at;
+  }
+  labelled.append(page_, p, std::u16string::npos);
+  if (closedOpenEnd_) labelled.insert(labelled.size() - LabelComment(comments.size() - 1).size(), openEnd_.closing);
+  return labelled;
 }
 
 // The page's last label, read apart from what comes before it in the
@@ -177,6 +210,8 @@ std::u16string_view TranslationSession::Unclosed(std::u16string_view output, std
 }
 
 size_t TranslationSession::ServerCodeLine(const std::vector<size_t>& offsets) const {
+  // Most pages have no character to look for: their pieces are not listed.
+  if (offsets.empty()) return 0;
   using Span = std::pair<size_t, size_t>;
   std::vector<Span> pieces, blocks;
   const std::vector<size_t>& labels = places_.comments;
@@ -219,6 +254,14 @@ bool TranslationSession::Start(std::string* error) {
 }
 
 bool TranslationSession::Label(std::u16string_view page, std::u16string* labelled, std::string* error) {
+  if (page.size() > kMaxScanUnits) {
+    *error = "the page is too long to translate";
+    return false;
+  }
+  return Label(std::u16string(page), labelled, error);
+}
+
+bool TranslationSession::Label(std::u16string&& page, std::u16string* labelled, std::string* error) {
   if (!started_) {
     *error = "the session was not started";
     return false;
@@ -233,12 +276,13 @@ bool TranslationSession::Label(std::u16string_view page, std::u16string* labelle
   hasOpenEnd_ = openEndLabelled_ = closedOpenEnd_ = located_ = false;
   echoedEnd_.clear();
   Engine::Mark mark = engine_.Save();
+  page_ = std::move(page);
   Value result;
-  bool ok = Call("beginPreTranslate", PreSettings(), &result, error) && Scan(page, "the page", true, error);
+  bool ok = Call("beginPreTranslate", PreSettings(), &result, error) && Scan(page_, "the page", true, error);
   // endPreTranslate closes the pre pass whatever happened before it, so that
   // the next page can begin one.
   std::string endError;
-  bool ended = Call("endPreTranslate", {engine_.Str(std::u16string(page))}, &result, &endError);
+  bool ended = Call("endPreTranslate", {engine_.View(page_)}, &result, &endError);
   if (ok && !ended) {
     *error = endError;
     ok = false;
@@ -248,19 +292,29 @@ bool TranslationSession::Label(std::u16string_view page, std::u16string* labelle
     ok = false;
   }
   if (ok) {
-    *labelled = engine_.ToText(result);
-    located_ = LocateLabels(page, *labelled, &places_);
-    if (hasOpenEnd_) CloseOpenEnd(page, cuts_.back().second, openEnd_, labelled);
-    page_ = page;
-    labelledPage_ = *labelled;
+    *labelled = engine_.Take(result);
+    located_ = LocateLabels(page_, *labelled, &places_);
+    if (hasOpenEnd_) CloseOpenEnd(page_, cuts_.back().second, openEnd_, labelled);
+    // Kept whole only when the label places are unknown; otherwise the
+    // labelled page is made again from them should a merge fail.
+    if (!located_) labelledPage_ = *labelled;
     labelled_ = true;
   }
-  DescribeCuts(page);
+  DescribeCuts(page_);
+  if (!ok) page_.clear();
   engine_.Release(mark);
   return ok;
 }
 
 bool TranslationSession::Merge(std::u16string_view output, std::u16string* merged, std::string* error) {
+  if (output.size() > kMaxScanUnits) {
+    *error = "the server's output is too long to merge";
+    return false;
+  }
+  return Merge(std::u16string(output), merged, error);
+}
+
+bool TranslationSession::Merge(std::u16string&& output, std::u16string* merged, std::string* error) {
   if (!labelled_) {
     *error = "the page was not labelled before the merge";
     return false;
@@ -269,26 +323,30 @@ bool TranslationSession::Merge(std::u16string_view output, std::u16string* merge
     *error = "the server's output is too long to merge";
     return false;
   }
-  std::u16string buffer;
-  output = Unclosed(output, &buffer);
+  // The scan writes into the output (LibrarySink), which is the session's
+  // own from here on.
+  std::u16string buffer = std::move(output);
+  std::u16string unclosed;
+  if (Unclosed(buffer, &unclosed).data() != buffer.data()) buffer.swap(unclosed);
+  unclosed = std::u16string();
   Engine::Mark mark = engine_.Save();
   Value result;
-  bool ok = Call("beginPostTranslate", {}, &result, error) && Scan(output, "the server's output", false, error);
+  bool ok = Call("beginPostTranslate", {}, &result, error) && Scan(buffer, "the server's output", false, error);
   if (ok) {
-    std::vector<Value> args = {engine_.Str(page_), engine_.Str(std::u16string(output)),
+    std::vector<Value> args = {engine_.View(page_), engine_.View(buffer),
                                engine_.Str(profile_.lockBeginFormat), engine_.Str(profile_.lockEndText),
                                engine_.Str(profile_.translatedValue)};
     if (profile_.lockEmptyPrefixedTags >= 0) args.push_back(Engine::Bool(profile_.lockEmptyPrefixedTags != 0));
     if (!Call("endPostTranslate", args, &result, error)) {
       *error = "the library rejected the merge of the server's output";
-      std::string why = ExplainRejectedMerge(page_, labelledPage_, output, profile_);
+      std::string why = ExplainRejectedMerge(page_, LabelledPage(), buffer, profile_);
       if (!why.empty()) *error += ": " + why;
       ok = false;
     } else if (!engine_.IsString(result)) {
       *error = "the library's endPostTranslate returned no text";
       ok = false;
     } else {
-      *merged = engine_.ToText(result);
+      *merged = engine_.Take(result);
     }
   }
   engine_.Release(mark);

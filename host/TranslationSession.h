@@ -36,6 +36,17 @@ class TranslationSession {
   bool Start(std::string* error);
   bool Label(std::u16string_view page, std::u16string* labelled, std::string* error);
   bool Merge(std::u16string_view output, std::u16string* merged, std::string* error);
+  // The same, taking the text over instead of copying it: a caller that no
+  // longer needs it saves a copy of the page or of the output.
+  bool Label(std::u16string&& page, std::u16string* labelled, std::string* error);
+  bool Merge(std::u16string&& output, std::u16string* merged, std::string* error);
+  // A literal picks neither of the two above over the other.
+  bool Label(const char16_t* page, std::u16string* labelled, std::string* error) {
+    return Label(std::u16string_view(page), labelled, error);
+  }
+  bool Merge(const char16_t* output, std::u16string* merged, std::string* error) {
+    return Merge(std::u16string_view(output), merged, error);
+  }
   // Holds the server's output for the labelled page against its labels
   // (LabelCheck.h). When the labels could not be found in the labelled page
   // the report holds one kNoLabels warning that says the check was not made.
@@ -53,18 +64,19 @@ class TranslationSession {
   bool Call(const char* name, std::vector<Value> args, Value* result, std::string* error);
   Value StrArray(const std::vector<std::u16string>& texts);
   std::vector<Value> PreSettings();
-  bool Scan(std::u16string_view text, const char* what, bool prePass, std::string* error);
+  bool Scan(std::u16string& text, const char* what, bool prePass, std::string* error);
   void CloseOpenEnd(std::u16string_view page, int32_t offset, const OpenEnd& open, std::u16string* labelled);
   void DescribeCuts(std::u16string_view page);
   std::u16string_view Unclosed(std::u16string_view output, std::u16string* buffer) const;
   std::u16string LastLabelApart() const;
+  std::u16string LabelledPage() const;
 
   Engine& engine_;
   const Profile& profile_;
   bool started_ = false;
   bool labelled_ = false;
   std::u16string page_;
-  std::u16string labelledPage_;
+  std::u16string labelledPage_;  // only while the label places are unknown (located_ false)
   std::vector<LabelWarning> warnings_;
   // Of the last scan of a page: what its end cut off, and the open directive.
   std::vector<std::pair<Unfinished, int32_t>> cuts_;

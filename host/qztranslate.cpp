@@ -227,14 +227,41 @@ int StrictFailure(int errors) {
               " with server code or labels; nothing was written");
 }
 
-// Runs the server over the labelled page; *output is what it printed.
-bool RunTheServer(const Options& o, const Plan& plan, const std::string& labelledBytes, std::string* output,
-                  std::string* error) {
+// The server, started while the page is labelled so that its start-up
+// overlaps the labelling; ended unused when the command fails before the
+// server gets its page.
+class EarlyServer {
+ public:
+  EarlyServer() = default;
+  EarlyServer(const EarlyServer&) = delete;
+  EarlyServer& operator=(const EarlyServer&) = delete;
+  ~EarlyServer() {
+    if (started_) AbandonServer(&process_);
+  }
+
+  bool Start(const Options& o, const Plan& plan, std::string* error) {
+    ServerLimits limits;
+    limits.timeoutSeconds = o.timeoutSeconds;
+    limits.graceSeconds = kGraceSeconds;
+    started_ = StartServer(plan.serverCommand, FolderOf(o.page), &process_, error, limits);
+    return started_;
+  }
+
+  void Finish(std::string_view input, ServerRun* run) {
+    started_ = false;
+    FinishServer(&process_, input, run);
+  }
+
+ private:
+  ServerProcess process_;
+  bool started_ = false;
+};
+
+// Runs the started server over the labelled page; *output is what it printed.
+bool RunTheServer(const Options& o, const Plan& plan, EarlyServer* server, const std::string& labelledBytes,
+                  std::string* output, std::string* error) {
   ServerRun run;
-  ServerLimits limits;
-  limits.timeoutSeconds = o.timeoutSeconds;
-  limits.graceSeconds = kGraceSeconds;
-  if (!RunServer(plan.serverCommand, FolderOf(o.page), labelledBytes, &run, error, limits)) return false;
+  server->Finish(labelledBytes, &run);
   if (!run.Succeeded()) {
     *error = DescribeFailedServer(plan.serverCommand, o.timeoutSeconds, run);
     return false;
@@ -287,29 +314,35 @@ int Translate(const Options& o) {
   std::string library = o.library.empty() ? DefaultLibraryPath() : o.library;
   if (!LoadTranslatorLibrary(library, engine, &error)) return Fail(error);
 
+  EarlyServer server;
+  if (!plan.labelOnly && !plan.serverCommand.empty() && !server.Start(o, plan, &error)) return Fail(error);
   TranslationSession session(engine, *plan.profile);
   std::u16string labelled;
-  if (!session.Start(&error) || !session.Label(page, &labelled, &error))
+  if (!session.Start(&error) || !session.Label(std::move(page), &labelled, &error))
     return Fail("labelling the page failed: " + error);
   if (!CheckWritable(session, pageName, encoding, &error)) return Fail(error);
   int errors = Report(pageName, session.Warnings(), o.strict);
   if (errors > 0) return StrictFailure(errors);
   std::string labelledBytes = EncodePage(labelled, encoding);
+  // From here on only the bytes are needed; a translation holds few copies
+  // of the page at a time.
+  labelled = std::u16string();
   if (plan.labelOnly) {
     if (!WriteOutput(plan.labelled, labelledBytes, &error)) return Fail("cannot write the labelled page to " + error);
     return 0;
   }
 
   if (!plan.serverCommand.empty() &&
-      (!RunTheServer(o, plan, labelledBytes, &outputBytes, &error) ||
+      (!RunTheServer(o, plan, &server, labelledBytes, &outputBytes, &error) ||
        !ReadOutput(outputBytes, "the server's output", encoding, o, &output, &error)))
     return Fail(error);
+  outputBytes = std::string();
   LabelReport report = session.Check(output);
   errors = Report(pageName, report.warnings, o.strict);
   if (errors > 0) return StrictFailure(errors);
 
   std::u16string merged;
-  if (!session.Merge(output, &merged, &error)) return Fail(error);
+  if (!session.Merge(std::move(output), &merged, &error)) return Fail(error);
   if (plan.writesPreview &&
       !WriteOutput(plan.preview, RenderPreview(PreviewOfTranslation(pageName, report, session.Warnings(), merged)),
                    &error))
