@@ -5,6 +5,8 @@
 #include <vector>
 
 #include "FakeHost.h"
+#include "FaultAllocator.h"
+#include "NativeScan.h"
 #include "Session.h"
 #include "Translation.h"
 
@@ -79,6 +81,8 @@ TEST_F(LockWalkTest, LockFormats) {
   for (const auto& [format, opening] : std::vector<std::pair<std::u16string, std::u16string>>{
            {u"<l c=\"%ls\" p=\"100%%\">", u"<l c=\"%3C%25a%25%3E\" p=\"100%\">"},
            {u"<l>", u"<l>"},
+           // The library's formatter reads the "%s" after a "%%" as "%ls".
+           {u"<l q=\"%%s%%\" c=\"%s\">", u"<l q=\"%ls%\" c=\"%3C%25a%25%3E\">"},
            {u"<l c=\"%lx\">", kFailed},
            {u"<l c=\"%s%s\">", kFailed}}) {
     lockBegin_ = format;
@@ -121,6 +125,42 @@ TEST_F(LockWalkTest, LabelledTagsAroundPieces) {
   EXPECT_EQ(Items(gAttrFromServerOffsetArray), (Ints{-1}));
   EXPECT_EQ(Translate(u"<img src=\"a\"> hi", Answer(u"<img qzvx=\"0\"  src=\"a\"> ho")), u"<img src=\"a\"> ho");
   EXPECT_EQ(Items(gAttrFromServerOffsetArray), (Ints{4}));
+}
+
+// The locked text grows once past its first 8192 units. Whichever append
+// of a piece that growth falls on (the text before the piece, a blank tag's
+// form, each part of the lock opening, the hidden code, each part of the
+// coloured output, the text after the last piece, the final NUL), a growth
+// that fails fails the merge, with the result untouched and nothing held;
+// an append whose failure went unnoticed would leave its text out of a
+// merge that succeeds.
+TEST_F(LockWalkTest, AFailedGrowthAtAnyAppendFailsTheMerge) {
+  lockBegin_ = u"<qz:lock p=\"%%\" q=\"%%s\" code=\"%s\">";
+  const std::u16string label = u"<asp:Label runat=\"server\"/>", tail = label + u"<%=x%>t";
+  const Pairs server = {{label, u""}, {u"<%=x%>", u"a<b>x</b>c</i>"}};
+  const std::u16string merged = u"<asp:Label" + kHilite + u" runat=\"server\"/><qz:lock p=\"%\" q=\"%ls\" code=\"" +
+                                u"%3C%25=x%25%3E\"><qz:invisible><%=x%></qz:invisible>" + Font(u"a") + u"<b" +
+                                kHilite + u">x</b>" + Font(u"c") + u"</i>" + kLockEnd + u"t";
+  // The page, its post pass, then the merge with the n-th allocation of
+  // the merge failing (0: none); growths gets the merge's reallocations.
+  std::vector<long> growths;
+  auto merge = [&](const std::u16string& page, long n) {
+    const std::u16string output = Serve(Label(page), server);
+    Call("beginPostTranslate", {});
+    ScanThroughNatives(host, output);
+    FaultFailAt(n);
+    const std::u16string result = End(page, output);
+    growths = FaultReallocations();
+    FaultFailAt(0);
+    return result;
+  };
+  for (size_t pad = 8191 - merged.size(); pad <= 8191; ++pad) {
+    SCOPED_TRACE(pad);
+    const std::u16string page = std::u16string(pad, u'w') + tail;
+    ASSERT_EQ(merge(page, 0), page.substr(0, pad) + merged);
+    ASSERT_FALSE(growths.empty());
+    for (long n : std::vector<long>(growths)) EXPECT_EQ(merge(page, n), kFailed) << "growth at allocation " << n;
+  }
 }
 
 }  // namespace
