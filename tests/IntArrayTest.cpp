@@ -1,6 +1,7 @@
-// Integer arrays: growth sizes, what a failed growth leaves, stack removal
-// and the two contract assertions. Merge selection is pinned by the label
-// insertion and the merge, which fail on any wrong pick.
+// Integer arrays: growth sizes, what a failed growth leaves, stack removal,
+// the four-way pick (the merge writes its own out) and clamping, and the two
+// contract assertions. The two-way pick is pinned by the label insertion,
+// which fails on any wrong pick.
 #include <gtest/gtest.h>
 
 #include <tuple>
@@ -75,6 +76,24 @@ TEST_F(IntArrayTest, PopAndPopN) {
   EXPECT_EQ(IntArrayPopN(a, 2), 8) << "the earliest removed";
   EXPECT_EQ(IntArrayPopN(a, 2), -1) << "more than there are: all removed";
   EXPECT_EQ(a->nSize, 0);
+}
+
+// The four-way pick: the smallest next element, the later array at equal
+// values, arrays read out passed over. Values past the int32 range are
+// held at its ends when stored.
+TEST_F(IntArrayTest, PicksOfFourAndClamping) {
+  IntArray* a = Fill(0, {5, 9});
+  IntArray* b = Fill(1, {7});
+  IntArray* c = Fill(2, {5});
+  IntArray* d = Fill(3, {});
+  EXPECT_EQ(IntArrayGetNext4(a, 0, b, 0, c, 0, d, 0), c) << "5 in a and c: the later";
+  EXPECT_EQ(IntArrayGetNext4(a, 1, b, 0, c, 0, d, 0), c);
+  EXPECT_EQ(IntArrayGetNext4(a, 1, b, 0, c, 1, d, 0), b) << "c read out";
+  EXPECT_EQ(IntArrayGetNext4(a, 1, b, 1, c, 1, d, 0), a) << "only a left";
+  EXPECT_EQ(IntArrayGetNext4(d, 0, c, 0, b, 0, a, 0), a) << "in any order";
+  EXPECT_EQ(IntArrayClamp(int64_t{INT32_MAX} + 1), INT32_MAX);
+  EXPECT_EQ(IntArrayClamp(int64_t{INT32_MIN} - 1), INT32_MIN);
+  EXPECT_EQ(IntArrayClamp(-5), -5);
 }
 
 TEST(IntArrayDeathTest, MergeWithNothingLeftStops) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Labels.h"
@@ -47,6 +48,34 @@ TEST(LabelsTest, CoversEveryLabelNumberAtEachDigitBoundary) {
     if (n <= 10000000) {
       EXPECT_EQ(LabelledPageSize(7, count, count), 7 + 36 * n + 1) << "ordinary pages keep their budget";
     }
+  }
+}
+
+// Every directive of the server's output is read as a label comment: the
+// lead exactly, white space, an optional sign, digits; numbers beyond the
+// int range are held at its ends, never wrapped into a label of the page.
+TEST(LabelsTest, ReadsLabelCommentsAsTheScannerDoes) {
+  const std::pair<const char16_t*, int32_t> read[] = {
+      {u"<!--QZVX 3 -->", 3},
+      {u"<!--QZVX\t\n+12-->", 12},
+      {u"<!--QZVX -4 -->", -4},
+      {u"<!--QZVX 2147483647", INT32_MAX},
+      {u"<!--QZVX 2147483648", INT32_MAX},
+      {u"<!--QZVX -2147483648", INT32_MIN},
+      {u"<!--QZVX -2147483649", INT32_MIN},
+      // Past 19 digits a 64-bit sum would wrap too.
+      {u"<!--QZVX 99999999999999999999999999 -->", INT32_MAX},
+      {u"<!--QZVX -99999999999999999999999999 -->", INT32_MIN},
+  };
+  for (const auto& [text, label] : read) {
+    int32_t n = 7;
+    EXPECT_TRUE(ReadLabelComment(text, &n)) << std::u16string(text).size();
+    EXPECT_EQ(n, label) << std::u16string(text).size();
+  }
+  for (const char16_t* text : {u"<!--QZV 3", u"<!--qzvx 3", u"<!--QZVX", u"<!--QZVX -", u"<!--QZVX +-3", u"<!--QZVX x3"}) {
+    int32_t n = 7;
+    EXPECT_FALSE(ReadLabelComment(text, &n)) << std::u16string(text).size();
+    EXPECT_EQ(n, 7) << "left alone";
   }
 }
 
