@@ -152,6 +152,9 @@ TEST_F(QzTranslateTest, FailuresSayWhy) {
   const std::string preview = Read("p.html");
   EXPECT_TRUE(Has(preview, "<title>Preview of hello.aspx</title>") && Has(preview, "qz-entry qz-piece\" tabindex"));
   EXPECT_EQ(Command({"--library", Path("none.so"), "--version"}).exitStatus, 1);
+  ServerRun unnumbered = Command({"--library", QZ_MISBEHAVING_LIBRARY_PATH, "--version"});
+  EXPECT_EQ(unnumbered.exitStatus, 0);
+  EXPECT_TRUE(Has(unnumbered.output, "build (no build ID)")) << unnumbered.output;
 
   // Merges the library rejects: the server stopped in the middle of the
   // directive's output; the page leaves an element whose content is not

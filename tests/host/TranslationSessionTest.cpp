@@ -10,6 +10,7 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <utility>
 
 #include "Files.h"
 #include "Library.h"
@@ -251,4 +252,29 @@ TEST(TranslationSessionSequenceTest, CallsOutOfTurnAndALibraryThatMisbehaves) {
     EXPECT_FALSE(session.Label(c.page, &labelled, &error) && session.Merge(u"text", &merged, &error));
     EXPECT_EQ(error, c.says);
   }
+}
+
+// The loader refuses a library that leaves a script function unregistered
+// or reports its registration failed; a library without a build ID has an
+// empty one.
+TEST(TranslationSessionSequenceTest, ALibraryThatMisbehavesAtRegistration) {
+  const std::string path = QZ_MISBEHAVING_LIBRARY_PATH;
+  const std::pair<const char*, std::string> cases[] = {
+      {"unregistered", "the translator library " + path + " did not register the script function initialize"},
+      {"refused", "the translator library " + path + " reported a failed registration"},
+      {"", ""},
+  };
+  for (const auto& [how, says] : cases) {
+    setenv("QZ_MISBEHAVE", how, 1);
+    Engine engine;
+    std::string error;
+    EXPECT_EQ(LoadTranslatorLibrary(path, engine, &error), says.empty()) << how;
+    EXPECT_EQ(error, says);
+  }
+  unsetenv("QZ_MISBEHAVE");
+  EXPECT_EQ(LibraryBuildId(path), "");
+  Engine engine;
+  std::string error;
+  ASSERT_TRUE(LoadTranslatorLibrary(QZ_LIBRARY_PATH, engine, &error)) << error;
+  EXPECT_EQ(LibraryBuildId(QZ_LIBRARY_PATH).size(), 40u) << "a SHA-1 build ID in hex";
 }
