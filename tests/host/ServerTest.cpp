@@ -8,8 +8,15 @@
 #include <fcntl.h>
 #include <unistd.h>
 #include <stdlib.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <stddef.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 
 #include <chrono>
+#include <cstdio>
+#include <iterator>
 #include <filesystem>
 #include <fstream>
 
@@ -132,4 +139,45 @@ TEST(ServerTest, NoDescriptorsLeftForThePipes) {
   int next = open("/dev/null", O_RDONLY);
   EXPECT_EQ(next, lowest);
   close(next);
+}
+
+// Makes pidfd_open fail in this process and its children, as on a kernel
+// older than 5.3.
+static bool WithoutProcessDescriptors() {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pidfd_open, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  sock_fprog program = {static_cast<unsigned short>(std::size(filter)), filter};
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+TEST(ServerDeathTest, WithoutProcessDescriptorsTheExitIsSeenAllTheSame) {
+  // In a child of the test, which loses pidfd_open for good: the server's
+  // exit is then looked for every 20 ms, with a time limit or without one.
+  // This server closes its outputs before it exits, so that nothing else
+  // is left to wake the host.
+  auto run = [] {
+    if (!WithoutProcessDescriptors()) {
+      std::fprintf(stderr, "cannot filter pidfd_open\n");
+      std::exit(2);
+    }
+    ServerLimits limited;
+    limited.timeoutSeconds = 30;
+    bool bOk = true;
+    for (const ServerLimits& limits : {limited, ServerLimits()}) {
+      ServerRun run;
+      std::string error;
+      const bool ran = RunServer("read line; echo \"got $line\"; exec >&- 2>&-; sleep 0.05", ".", "page\n", &run, &error,
+                                 limits);
+      if (!ran || !run.Succeeded() || run.output != "got page\n") {
+        std::fprintf(stderr, "run: %s, status %d, output %s\n", error.c_str(), run.exitStatus, run.output.c_str());
+        bOk = false;
+      }
+    }
+    std::exit(bOk ? 0 : 1);
+  };
+  EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");
 }
