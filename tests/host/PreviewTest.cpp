@@ -88,6 +88,11 @@ TEST(PreviewLayoutTest, LocksGoToPiecesInPageOrder) {
                                                        : entry.kind == PreviewEntry::kRepeat ? "+" : "?");
   EXPECT_EQ(order, (std::vector<std::string>{"+", "1", "2", "3", "?", "4", "5"}));
   EXPECT_EQ(layout.entries[2].locks.size(), 0u);
+  // The library writes a lone CR, also one at the end, as LF too.
+  PreviewInput lineEnds;
+  lineEnds.pieces = {Piece(1, 1, "<? a\rb\r\nc ?>"), Piece(2, 3, "<? d\r")};
+  lineEnds.mergedPage = Lock("%3C?%20d%0A") + Lock("%3C?%20a%0Ab%0Ac%20?%3E");
+  EXPECT_EQ(Owners(lineEnds), (std::vector<std::string>{"2", "1"}));
   EXPECT_EQ(layout.entries[4].code, "<?= $j ?>");
   for (size_t k = 0; k < layout.locks.size(); ++k) {
     const std::vector<int>& back = layout.entries[static_cast<size_t>(layout.locks[k].entry)].locks;
@@ -101,6 +106,9 @@ TEST(PreviewLayoutTest, DecodesEachPercentPairOnly) {
   EXPECT_EQ(DecodeLockCode("%2"), "%2");
   EXPECT_EQ(DecodeLockCode("%zz%41"), "%zzA");
   EXPECT_EQ(DecodeLockCode("\xC3\xBC%0a%3c%3E%3"), "\xC3\xBC\n<>%3");
+  // The characters just before and after the digits and the two runs of
+  // letters are no hexadecimal digits.
+  EXPECT_EQ(DecodeLockCode("%/0%:0%@1%G1%`0%g1%0/%0:%0@%0G%0`%0g"), "%/0%:0%@1%G1%`0%g1%0/%0:%0@%0G%0`%0g");
 }
 
 // Texts that would end the element or attribute they stand in, if they were
@@ -110,7 +118,7 @@ TEST(PreviewRenderTest, EveryTextComesBackWhole) {
   PreviewInput input;
   input.title = "t" + hostile;
   input.mergedPage = "<p class=\"a\">" + hostile + Lock("%3C?=%20$a%20?%3E%22%3C/script%3E") + Lock("") +
-                     Lock("\\\t\xE2\x80\xA8\xE2\x80\xA9") + "</p>";
+                     Lock("\\\t\xE2\x80\xA8\xE2\x80\xA9") + Lock("\xE2\x80\xA0<&>\x7F\xE2\x80") + "</p>";
   input.pieces = {Piece(1, 4, "<?= $a ?>\"</script>"), Piece(2, 7, hostile)};
   input.warnings = {{3, hostile}, {0, "none"}};
   std::string html = RenderPreview(input);
@@ -129,7 +137,9 @@ TEST(PreviewRenderTest, EveryTextComesBackWhole) {
   EXPECT_EQ(data.find_first_of("<>&"), std::string::npos) << data;
   EXPECT_NE(data.find("%3C/script%3E"), std::string::npos) << data;
   EXPECT_NE(data.find("\"\\\\\\u0009\\u2028\\u2029\""), std::string::npos) << data;
-  EXPECT_EQ(Count(html, "qz-entry qz-repeat") + Count(html, "qz-entry qz-unknown"), 2u) << "a repeat and unknown code";
+  EXPECT_NE(data.find("\"\xE2\x80\xA0\\u003c\\u0026\\u003e\x7F\xE2\x80\""), std::string::npos)
+      << "other characters from E2 80 stay as they are: " << data;
+  EXPECT_EQ(Count(html, "qz-entry qz-repeat") + Count(html, "qz-entry qz-unknown"), 3u) << "a repeat and two unknown codes";
   EXPECT_NE(html.find("<li class=\"qz-warning\" data-line=\"0\">none</li>"), std::string::npos);
 
   // The content policy fetches nothing and runs only the script with its nonce.
