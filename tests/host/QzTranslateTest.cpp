@@ -91,6 +91,7 @@ TEST_F(QzTranslateTest, WrongCommandLinesGetAHintAndStatusTwo) {
   Fails({"--check", "--server", "cat", page}, 2, "--check takes only --profile and --encoding, not --server");
   Fails({"--check", "--profile", "asp", "-", page, "-"}, 2, "standard input can be read only once");
   Fails({"--check", "--encoding", "no-such", page}, 2, "--encoding: unknown encoding no-such");
+  Fails({"--check", page, Path("page.txt")}, 2, "cannot tell the profile from the name " + Path("page.txt"));
   Fails({"--timeout=", page}, 2, "--timeout needs a value that is not empty");
   Fails({"--timeout", "inf", page}, 2, "--timeout needs a number of seconds");
   Fails({"--strict=yes", page}, 2, "--strict takes no value");
@@ -328,7 +329,16 @@ TEST_F(QzTranslateTest, StrictRefusesAMergeThatWouldLoseServerCode) {
   Write("cut.php", "<p class=\"<?= 1 ?>\n<p class=\"<?= 2 ?>");
   Fails({"--strict", "--server", "cat", Path("cut.php")}, 1, "error: " + Path("cut.php") + ": line 1: the tag",
         "--strict: 1 problem");
-  EXPECT_EQ(Files(), 3);
+  Write("two.php", "<h1><?= 1 ?></h1>\n<p><?= 2 ?></p>\n<p><?= 3 ?></p>");
+  Fails({"--strict", "--server-output", Path("answer.html"), Path("two.php")}, 1, "line 3: the server code `<?= 3 ?>`",
+        "--strict: 2 problems");
+  // A page left open at the end is no fault: --strict warns and writes.
+  Write("open.php", "<p><?= 1 ?></p><!-- note");
+  ServerRun open = Command({"--strict", "--server", "cat", "-o", Path("out.html"), Path("open.php")});
+  EXPECT_EQ(open.exitStatus, 0) << open.errors;
+  EXPECT_TRUE(Has(open.errors, "qztranslate: warning: " + Path("open.php") + ": line 1: `<!-- note` is not closed"))
+      << open.errors;
+  EXPECT_EQ(Files(), 6);
 }
 
 TEST_F(QzTranslateTest, TranslatesThroughPhpInOneStepOrTwo) {

@@ -87,6 +87,11 @@ TEST_F(TagReplayTest, CheckAgreesWithTheLibraryOnWhichPagesMerge) {
   EXPECT_EQ(check.exitStatus, 1);
   EXPECT_TRUE(Has(check.errors, Path("never.aspx") + ": line 2") && Has(check.errors, Path("footer.php") + ": line 2"))
       << check.errors;
+  // A page on standard input, read in the encoding given.
+  check = Command({"--check", "--profile", "php", "--encoding", "ISO-8859-1", "-"}, "<p>\xE9</p>\n<?php get_footer();");
+  EXPECT_EQ(check.exitStatus, 0);
+  EXPECT_TRUE(Has(check.errors, "warning: standard input: line 2: the server block `<?php get_footer();`"))
+      << check.errors;
 }
 
 // Random pages of taglib directives, server elements by prefix and by
