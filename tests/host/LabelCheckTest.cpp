@@ -8,6 +8,8 @@
 #include <stdlib.h>
 
 #include <regex>
+#include <utility>
+#include <vector>
 
 #include "Library.h"
 #include "Server.h"
@@ -156,4 +158,30 @@ TEST_F(LabelCheckTest, AServerThatPrintsNothingOrIgnoresThePageIsToldPlainly) {
   EXPECT_EQ(Findings(Check("")), "no-output@0" + everyPiece);
   EXPECT_EQ(Findings(Check(" \n")), "no-output@0" + everyPiece);
   EXPECT_EQ(Findings(Check("Hello")), "no-labels@0" + everyPiece);
+}
+
+// The label places are found by walking the page and the labelled page side
+// by side; a labelled page that is not the page with labels numbered from 0
+// in order finds none.
+TEST(LocateLabelsTest, WalksThePageAndTheLabelledPageSideBySide) {
+  // Page text that starts like either label is page text.
+  const std::u16string page = u"<p a>x<!-- c --> q<%y%>";
+  LabelPlaces places;
+  ASSERT_TRUE(LocateLabels(page, u"<p qzvx=\"0\"  a>x<!-- c --> q<!--QZVX 0 --><%y%><!--QZVX 1 -->", &places));
+  EXPECT_EQ(places.comments, (std::vector<size_t>{18, 23}));
+  EXPECT_EQ(places.attributes, (std::vector<size_t>{2}));
+  EXPECT_TRUE(LocateLabels(u"a<!", u"a<!", &places) && places.comments.empty()) << "a \"<!\" at the very end";
+  const std::pair<const char16_t*, const char16_t*> refused[] = {
+      {u"ab", u"abc"},                        // longer than the page
+      {u"ab", u"ax"},                         // other text
+      {u"a!!c", u"a<!c"},                     // other text where a label could start
+      {u"abc", u"ab"},                        // the page goes on
+      {u"a", u"<!--QZVX 1 -->a"},             // not numbered from 0
+      {u"a", u"a<!--QZVX 0 --><!--QZVX 0 -->"},  // a number twice
+      {u"a q", u"a qzvx=\"1\" q"},            // an attribute label out of turn
+  };
+  for (const auto& [text, labelled] : refused) {
+    std::u16string shown = labelled;
+    EXPECT_FALSE(LocateLabels(text, labelled, &places)) << std::string(shown.begin(), shown.end());
+  }
 }
