@@ -71,6 +71,12 @@ TEST_F(FilesTest, RegularFilesAreReplacedWholeKeepingTheirPermissions) {
   // Refused before anything is written: a folder, a folder that is not there.
   EXPECT_NE(Write(folder, "x").find("Is a directory"), std::string::npos);
   EXPECT_NE(Write(Path("none/out.html"), "x").find("No such file or directory"), std::string::npos);
+  // A file for a folder is refused when the output is resolved, before a
+  // server runs.
+  OutputTarget target;
+  std::string error;
+  EXPECT_FALSE(ResolveOutput(Path("out.html/out.html"), &target, &error));
+  EXPECT_NE(error.find("Not a directory"), std::string::npos) << error;
   EXPECT_EQ(Names(), longest + " out.html ");
 }
 
