@@ -44,6 +44,12 @@ TEST_F(AttrMergeTest, AlignmentOfTheTwoAttributeTexts) {
     EXPECT_EQ(Translate(page + end, {{u"<%=1%>", u"1"}}), page + merged) << std::string(end.begin(), end.end());
   // A page's text followed by something other than ">".
   EXPECT_EQ(Translate(u"<p a=\"<%=x%>\"/>", {{u"<%=x%>", u"1"}}), u"<p a=\"<%=x%>\"/" + TagAttr(u"a=1 ") + u"/>");
+  // A "/" the server spaced away from its ">" is no "/>": the white space
+  // before it is not taken in.
+  for (const std::u16string end : {u" />", u"/>"}) {
+    const std::u16string pageText = page + end.substr(0, end.size() - 1);
+    EXPECT_EQ(Translate(page + end, Answer(u"<br qzvx=\"0\"  x=\"1\" / >")), pageText + attr + u" / >");
+  }
 }
 
 }  // namespace
