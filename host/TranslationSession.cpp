@@ -334,7 +334,7 @@ bool TranslationSession::Merge(std::u16string&& output, std::u16string* merged, 
   std::u16string buffer = std::move(output);
   std::u16string unclosed;
   if (Unclosed(buffer, &unclosed).data() != buffer.data()) buffer.swap(unclosed);
-  unclosed = std::u16string();
+  std::u16string().swap(unclosed);
   Engine::Mark mark = engine_.Save();
   Value result;
   bool ok = Call("beginPostTranslate", {}, &result, error) && Scan(buffer, "the server's output", false, error);
