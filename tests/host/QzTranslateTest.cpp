@@ -364,6 +364,17 @@ TEST_F(QzTranslateTest, TranslatesThroughPhpInOneStepOrTwo) {
   ASSERT_EQ(merge.exitStatus, 0) << merge.errors;
   EXPECT_EQ(Read("merged.html"), oneStep.output);
 
+  // "?>" in a PHP string or heredoc does not end the code (Real pages do
+  // this: '<?xml version="1.0" ?>'): no label goes inside the string, so php
+  // runs the page's own program and the piece comes back whole, no warning.
+  Write("xml.php", "<p>a</p>\n<?php $x = '<?xml version=\"1.0\" ?>'; $h = <<<EOT\n?> it's\nEOT;\n"
+                   "echo '<b>' . strlen($x) . strlen($h) . '</b>'; ?>\n<p><?= 2 ?></p>\n");
+  ServerRun xml = Command({Path("xml.php")});
+  ASSERT_EQ(xml.exitStatus, 0) << xml.errors;
+  EXPECT_EQ(xml.errors, "");
+  EXPECT_TRUE(Has(xml.output, "<b qzTranslatedValue=\"hilitecolor=%22Dyn%20Up-to-Date%20Color%22\">227</b></qz:lock>\n"
+                              "<p><qz:lock")) << xml.output;
+
   // The demo page, as the README translates it.
   ServerRun demo = Command({std::string(QZ_EXAMPLES_DIR) + "/hello.php"});
   ASSERT_EQ(demo.exitStatus, 0) << demo.errors;
