@@ -116,8 +116,15 @@ std::string Widened(std::string_view label) {
   return std::string(label);
 }
 
+// A name written by server code (charset="<?php bloginfo('charset'); ?>"):
+// the server picks the encoding when the page runs, so the page states none
+// here.
+bool IsServerMade(std::string_view name) {
+  return name.find("<?") != std::string_view::npos || name.find("<%") != std::string_view::npos;
+}
+
 bool Found(std::string_view bytes, size_t at, std::string name, const std::string& what, Declaration* found) {
-  if (name.empty()) return false;
+  if (name.empty() || IsServerMade(name)) return false;
   *found = {Widened(name), what + " on line " + std::to_string(LineAt(bytes, at))};
   return true;
 }
@@ -192,10 +199,13 @@ bool FindMeta(std::string_view s, Declaration* found) {
     at += 5;
     if (at < s.size() && !IsSpace(s[at]) && s[at] != '/') continue;
     std::vector<Attribute> attributes = ReadAttributes(s, at, ">", &at);
+    // A meta whose charset the server writes states nothing: the next one may.
     std::string_view charset = ValueOf(attributes, "charset");
+    if (IsServerMade(charset)) continue;
     if (!charset.empty()) return Found(s, start, std::string(charset), "<meta charset>", found);
     if (Folded(ValueOf(attributes, "http-equiv")) != "content-type") continue;
     charset = CharsetOfContentType(ValueOf(attributes, "content"));
+    if (IsServerMade(charset)) continue;
     if (!charset.empty()) return Found(s, start, std::string(charset), "<meta http-equiv=\"Content-Type\">", found);
   }
   return false;

@@ -17,7 +17,13 @@ namespace {
 
 constexpr size_t kNone = static_cast<size_t>(-1);
 
+bool IsAsciiDigit(char16_t u) { return u >= u'0' && u <= u'9'; }
+
 bool IsAsciiLetter(char16_t u) { return (u >= u'a' && u <= u'z') || (u >= u'A' && u <= u'Z'); }
+
+// A unit of a PHP name (a heredoc's): letters, digits, "_" and every unit
+// outside ASCII.
+bool IsPhpNameUnit(char16_t u) { return IsAsciiLetter(u) || IsAsciiDigit(u) || u == u'_' || u >= 0x80; }
 
 char16_t FoldAscii(char16_t u) { return (u >= u'A' && u <= u'Z') ? static_cast<char16_t>(u + 32) : u; }
 
@@ -57,6 +63,13 @@ class PageScan {
   // Just past the "%>" or "?>" that closes the server block at p; the page's
   // length when the block is not closed.
   size_t ServerBlockEnd(size_t p) const;
+  // The "?>" that ends the PHP code from q, as PHP's lexer finds it: not
+  // inside a string, a heredoc or nowdoc, or a block comment (a line comment
+  // ends at it); kNone when the page ends first.
+  size_t PhpClose(size_t q) const;
+  // Just past the closing name of the heredoc or nowdoc whose "<<<" stands
+  // at q; q + 3 when "<<<" begins none; kNone when the page ends first.
+  size_t HeredocEnd(size_t q) const;
   // Just past the directive at p ("<!", "<%" or "<?"), or the page's length
   // with *closed false when the page ends first.
   size_t DirectiveEnd(size_t p, bool* closed) const;
@@ -120,15 +133,67 @@ size_t PageScan::Find(size_t from, char16_t a, char16_t b, char16_t c) const {
 }
 
 size_t PageScan::ServerBlockEnd(size_t p) const {
-  size_t close = Find(p + 2, s_[p + 1], u'>');
+  size_t close = s_[p + 1] == u'?' ? PhpClose(p + 2) : Find(p + 2, s_[p + 1], u'>');
   return close == kNone ? n_ : close + 2;
+}
+
+size_t PageScan::PhpClose(size_t q) const {
+  while (q < n_) {
+    const char16_t u = s_[q];
+    if (u == u'?' && q + 1 < n_ && s_[q + 1] == u'>') return q;
+    if (u == u'\'' || u == u'"' || u == u'`') {
+      // A string: a backslash takes the unit after it along.
+      for (++q; q < n_ && s_[q] != u; ++q)
+        if (s_[q] == u'\\') ++q;
+      if (q >= n_) return kNone;
+      ++q;
+    } else if (u == u'/' && q + 1 < n_ && s_[q + 1] == u'*') {
+      size_t end = Find(q + 2, u'*', u'/');
+      if (end == kNone) return kNone;
+      q = end + 2;
+    } else if ((u == u'/' && q + 1 < n_ && s_[q + 1] == u'/') || (u == u'#' && (q + 1 >= n_ || s_[q + 1] != u'['))) {
+      // A line comment ends at the line's end or at "?>", whichever comes
+      // first.
+      while (q < n_ && s_[q] != u'\n' && !(s_[q] == u'?' && q + 1 < n_ && s_[q + 1] == u'>')) ++q;
+    } else if (u == u'<' && q + 2 < n_ && s_[q + 1] == u'<' && s_[q + 2] == u'<') {
+      q = HeredocEnd(q);
+      if (q == kNone) return kNone;
+    } else {
+      ++q;
+    }
+  }
+  return kNone;
+}
+
+size_t PageScan::HeredocEnd(size_t q) const {
+  size_t r = q + 3;
+  while (r < n_ && (s_[r] == u' ' || s_[r] == u'\t')) ++r;
+  const bool quoted = r < n_ && (s_[r] == u'\'' || s_[r] == u'"');
+  if (quoted) ++r;
+  const size_t nameBegin = r;
+  while (r < n_ && IsPhpNameUnit(s_[r])) ++r;
+  const std::u16string_view name = Span(nameBegin, r);
+  if (quoted && r < n_ && (s_[r] == u'\'' || s_[r] == u'"')) ++r;
+  if (name.empty() || IsAsciiDigit(name[0]) || r >= n_ || (s_[r] != u'\n' && s_[r] != u'\r')) return q + 3;  // not a heredoc
+  // The body runs to a line that holds, after spaces and tabs, the name
+  // and then a unit that cannot continue it.
+  for (r = s_.find(u'\n', r); r != std::u16string_view::npos && r < n_; r = s_.find(u'\n', r)) {
+    size_t t = r + 1;
+    while (t < n_ && (s_[t] == u' ' || s_[t] == u'\t')) ++t;
+    if (s_.substr(t, name.size()) == name && (t + name.size() >= n_ || !IsPhpNameUnit(s_[t + name.size()])))
+      return t + name.size();
+    r = t;
+  }
+  return kNone;
 }
 
 size_t PageScan::DirectiveEnd(size_t p, bool* closed) const {
   *closed = true;
   size_t close;
   size_t markLength = 2;
-  if (s_[p + 1] != u'!') {
+  if (s_[p + 1] == u'?') {
+    close = PhpClose(p + 2);
+  } else if (s_[p + 1] != u'!') {
     close = Find(p + 2, s_[p + 1], u'>');
   } else if (p + 3 < n_ && s_[p + 2] == u'-' && s_[p + 3] == u'-') {
     // Searching from the first dash lets "<!-->" end itself, as browsers do.

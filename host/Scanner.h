@@ -4,7 +4,10 @@
 // What counts as what:
 // - Directives, each reported whole with the offset of its "<": comments
 //   "<!--" .. "-->", server blocks "<%" .. "%>" and "<?" .. "?>", character
-//   data "<![CDATA[" .. "]]>" and every other "<!" .. ">" construct.
+//   data "<![CDATA[" .. "]]>" and every other "<!" .. ">" construct. A "<?"
+//   block ends at the "?>" where PHP's lexer ends it: not one inside a
+//   string, a heredoc or nowdoc, or a block comment (a line comment ends at
+//   it). A "<%" block ends at the first "%>", as ERB and ASP.NET end it.
 // - An open tag is "<" and an ASCII letter; a close tag is "</" and an ASCII
 //   letter. A "<" that starts none of these is text.
 // - Inside a tag, server blocks belong to the tag: one standing where an

@@ -233,6 +233,26 @@ std::string Snippet(std::u16string_view block) {
   return shown;
 }
 
+// An element that HTML defines as empty (<input>, <img>, <br>, ...), which
+// pages write without a close tag. The library knows no such elements: a
+// server element is open until its close tag unless its open tag ends in
+// "/>".
+bool IsEmptyHtmlElement(std::u16string_view name) {
+  static const char16_t* const kEmpty[] = {u"area", u"base", u"br",    u"col",   u"embed", u"hr",
+                                           u"img",  u"input", u"keygen", u"link", u"meta",  u"param",
+                                           u"source", u"track", u"wbr"};
+  const std::u16string folded = Folded(name);
+  return std::any_of(std::begin(kEmpty), std::end(kEmpty), [&](const char16_t* e) { return folded == e; });
+}
+
+// For a server element that HTML defines as empty: why it is open at all,
+// and the fix.
+std::string EmptyElementHint(const ElementFinding& f) {
+  if (f.kind == ElementProblem::kOpenBlockAtEnd || !IsEmptyHtmlElement(f.element)) return "";
+  return " (<" + Shown(f.element) + "> is an empty element in HTML, but a server element whose open tag does not " +
+         "end in \"/>\" is taken to hold content up to its close tag: write it <" + Shown(f.element) + " ... />)";
+}
+
 std::string Consequence(const ElementFinding& f) {
   if (f.kind == ElementProblem::kOpenBlockAtEnd) return "it is translated as server code up to the end of the page";
   if (f.breaksMerge)
@@ -281,7 +301,7 @@ std::string DescribeFinding(const ElementFinding& f, const PlaceTable& places) {
     what += Snippet(f.element) + " (line " + std::to_string(places.At(f.elementOffset).line) +
             ") is open at the end of the page";
   }
-  return what + "; " + Consequence(f);
+  return what + EmptyElementHint(f) + "; " + Consequence(f);
 }
 
 }  // namespace qzhost

@@ -91,8 +91,13 @@ std::string DescribeFailedServer(const std::string& command, double timeout, con
     message += "failed with exit status " + std::to_string(run.exitStatus);
   }
   std::string tail = ErrorTail(run.errors);
-  if (tail.empty()) return message + "; it wrote nothing to its standard error";
-  return message + "; its standard error ends with:\n" + tail;
+  if (!tail.empty()) return message + "; its standard error ends with:\n" + tail;
+  // Some servers print their errors with the page: PHP does once a page
+  // turns display_errors on, as many applications do.
+  std::string outputTail = ErrorTail(run.output);
+  outputTail.erase(0, std::min(outputTail.size(), outputTail.find_first_not_of("\r\n")));
+  if (outputTail.empty()) return message + "; it wrote nothing to its standard error or its standard output";
+  return message + "; it wrote nothing to its standard error, and its standard output ends with:\n" + outputTail;
 }
 
 // What the command was asked to do, settled before anything is read.

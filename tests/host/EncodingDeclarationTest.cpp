@@ -55,6 +55,14 @@ TEST(EncodingDeclarationTest, ReadsEachKindAndPassesOverNearMisses) {
       {kAspDirective, "<%@ CodePage=123456 %>", ""},
       {kAspDirective, "<%@ CodePage", ""},
       {kAspDirective, "<%@ Page CodePage=\"\" %><meta charset=y>", "y|<meta charset> on line 1"},
+      // A charset that server code writes, as WordPress's themes and
+      // templates do, states nothing; a later literal one still counts.
+      {kPhpDeclare, "<meta charset=\"<?php bloginfo( 'charset' ); ?>\" />", ""},
+      {kNone,
+       "<meta http-equiv=\"Content-Type\" content=\"<?php bloginfo('html_type'); ?>; charset=<?php "
+       "bloginfo('charset'); ?>\" />\n<meta charset=<?= $c ?>>\n<meta charset=\"x<%= c %>\">\n<meta charset=koi8-r>",
+       "koi8-r|<meta charset> on line 4"},
+      {kNone, "<?xml version=\"1.0\" encoding=\"<?php echo $enc ?>\"?>", ""},
   };
   for (const Case& c : cases) {
     Declaration found;

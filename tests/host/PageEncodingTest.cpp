@@ -116,6 +116,20 @@ TEST_F(PageEncodingTest, AnUndeclaredLegacyPageIsGuessedWithAWarning) {
       << said;
 }
 
+// A charset that the page's own server code writes, as WordPress's
+// templates do, is no statement of the page's encoding: it is passed over
+// without a word (it used to be "the encoding <?php ... is unknown"), and
+// the page is read as UTF-8 or as its next literal declaration says.
+TEST_F(PageEncodingTest, ACharsetWrittenByServerCodeDeclaresNothing) {
+  const std::u16string head =
+      u"<meta http-equiv=\"Content-Type\" content=\"<?php bloginfo('html_type'); ?>; charset=<?php "
+      u"bloginfo('charset'); ?>\" />\n<meta charset=\"<?php bloginfo( 'charset' ); ?>\" />\n";
+  EXPECT_EQ(RoundTrip(Make("utf8.php", "UTF-8", head + u"<p><?= 1 ?> café</p>\n")), "");
+  EXPECT_EQ(RoundTrip(Make("latin.php", "windows-1252",
+                           head + u"<meta charset=\"ISO-8859-1\">\n<p><?= 1 ?> café</p>\n")),
+            "");
+}
+
 TEST_F(PageEncodingTest, CharactersTheEncodingCannotWriteBack) {
   // Shift_JIS reads 87 90 as U+2252 and writes that as 81 E0.
   Write("nec.php", "<meta charset=\"Shift_JIS\">\n<p><?= 1 ?>\x87\x90</p>\n");

@@ -125,6 +125,22 @@ TEST_F(QzTranslateTest, FailuresSayWhy) {
   Fails({"--server-output", Path("gone.html"), Path("page.php")}, 1, "cannot read server output");
   Fails({"--server", "cat >/dev/null; echo 'PHP Fatal error: boom' >&2; exit 4", Path("page.php")}, 1,
         "failed with exit status 4; its standard error ends with:\nPHP Fatal error: boom");
+  // A server that prints its error with the page, as PHP does once the page
+  // turns display_errors on (GOsa's pages do): the end of its output says why.
+  Write("shown.php", "<?php ini_set('display_errors', '1'); require 'no-such-include-qz.php'; ?><p>x</p>");
+  if (system("command -v php >/dev/null") == 0) {
+    ServerRun shown = Command({Path("shown.php")});
+    EXPECT_EQ(shown.exitStatus, 1);
+    EXPECT_TRUE(Has(shown.errors, "failed with exit status 255; it wrote nothing to its standard error, and its "
+                                  "standard output ends with:\n<!--QZVX 0 -->\nWarning: require(no-such-include-qz.php)") &&
+                Has(shown.errors, "Fatal error: Uncaught Error: Failed opening required 'no-such-include-qz.php'"))
+        << shown.errors;
+  }
+  Fails({"--server", "cat >/dev/null; echo '<p>Fatal error: boom</p>'; exit 3", Path("page.php")}, 1,
+        "failed with exit status 3; it wrote nothing to its standard error, and its standard output ends with:\n"
+        "<p>Fatal error: boom</p>");
+  Fails({"--server", "cat >/dev/null; exit 3", Path("page.php")}, 1,
+        "failed with exit status 3; it wrote nothing to its standard error or its standard output");
   Fails({"--server", "no-such-server-qz", Path("page.php")}, 1, "could not be run (exit status 127");
   Fails({"--server", "kill -9 $$", Path("page.php")}, 1, "killed by signal 9");
   Fails({"--server", "printf 'ok\\n\\377'", Path("page.php")}, 1,
@@ -361,6 +377,17 @@ TEST_F(QzTranslateTest, TranslatesThroughPhpInOneStepOrTwo) {
   ServerRun merge = Command({"--server-output", Path("out.html"), "-o", Path("merged.html"), Path("site/page.php")});
   ASSERT_EQ(merge.exitStatus, 0) << merge.errors;
   EXPECT_EQ(Read("merged.html"), oneStep.output);
+
+  // "?>" in a PHP string or heredoc does not end the code (Real pages do
+  // this: '<?xml version="1.0" ?>'): no label goes inside the string, so php
+  // runs the page's own program and the piece comes back whole, no warning.
+  Write("xml.php", "<p>a</p>\n<?php $x = '<?xml version=\"1.0\" ?>'; $h = <<<EOT\n?> it's\nEOT;\n"
+                   "echo '<b>' . strlen($x) . strlen($h) . '</b>'; ?>\n<p><?= 2 ?></p>\n");
+  ServerRun xml = Command({Path("xml.php")});
+  ASSERT_EQ(xml.exitStatus, 0) << xml.errors;
+  EXPECT_EQ(xml.errors, "");
+  EXPECT_TRUE(Has(xml.output, "<b qzTranslatedValue=\"hilitecolor=%22Dyn%20Up-to-Date%20Color%22\">227</b></qz:lock>\n"
+                              "<p><qz:lock")) << xml.output;
 
   // The demo page, as the README translates it.
   ServerRun demo = Command({std::string(QZ_EXAMPLES_DIR) + "/hello.php"});

@@ -135,6 +135,39 @@ TEST(ScannerTest, QuotesAndServerCodeNeverEndATagEarly) {
                    "end 72 []"}));
 }
 
+// "?>" ends PHP code where PHP's lexer ends it: not inside a string, a
+// heredoc or nowdoc, or a block comment; a line comment ends at it. Real
+// pages hold "?>" in strings ('<?xml version="1.0" ?>') and heredocs; a
+// block ended there put the next label inside the string, and php ran
+// another program than the page.
+TEST(ScannerTest, PhpCodeEndsWherePhpEndsIt) {
+  EXPECT_EQ(Scan(u"<?php $x = '<?xml ?>'; /* ?> */ $y = \"a\\\"?>\"; $z = `?>`; ?>t"),
+            (Items{"dir 0 [<?php $x = '<?xml ?>'; /* ?> */ $y = \"a\\\"?>\"; $z = `?>`; ?>]", "text 59 [t]"}));
+  EXPECT_EQ(Scan(u"<?php $s = 'it\\'s ?>'; ?>t"), (Items{"dir 0 [<?php $s = 'it\\'s ?>'; ?>]", "text 25 [t]"}));
+  // A line comment ends at "?>" or at the line's end; quotes in it count
+  // for nothing. "#[" begins an attribute, not a comment.
+  EXPECT_EQ(Scan(u"<?php # it's ?>t<?php // don't\n ?>u<?php #[A('?>')] ?>v"),
+            (Items{"dir 0 [<?php # it's ?>]", "text 15 [t]", "dir 16 [<?php // don't\n ?>]", "text 34 [u]",
+                   "dir 35 [<?php #[A('?>')] ?>]", "text 54 [v]"}));
+  // Heredocs and nowdocs run to their name on a line of its own (indented
+  // or followed by more code, as PHP 7.3 allows); "<<<" that begins none is
+  // an operator's units.
+  EXPECT_EQ(Scan(u"<?php $h = <<<EOT\nit's ?> {$a}\nEOTX\n  EOT;\n?>t<?= <<<'N'\n?>\nN ?>u<?php $a <<< 1 ?>v"),
+            (Items{"dir 0 [<?php $h = <<<EOT\nit's ?> {$a}\nEOTX\n  EOT;\n?>]", "text 45 [t]",
+                   "dir 46 [<?= <<<'N'\n?>\nN ?>]", "text 64 [u]", "dir 65 [<?php $a <<< 1 ?>]", "text 82 [v]"}));
+  // In a tag, the same.
+  EXPECT_EQ(Scan(u"<a href=\"<?= '?>' ?>\" <?php echo \"?>\" ?>>t</a>"),
+            (Items{"open 0 [a] href=[<?= '?>' ?>] <?php echo \"?>\" ?>=[] end 41 []", "text 41 [t]",
+                   "close 42 [a] end 46"}));
+  // A string, comment or heredoc that the page's end cuts off leaves the
+  // block open to the end.
+  EXPECT_EQ(Scan(u"<?php echo 'a ?><p>b</p>"), (Items{"cut dir 0", "dir 0 [<?php echo 'a ?><p>b</p>]"}));
+  EXPECT_EQ(Scan(u"<?php /* ?>"), (Items{"cut dir 0", "dir 0 [<?php /* ?>]"}));
+  EXPECT_EQ(Scan(u"<?php <<<A\n?>\n"), (Items{"cut dir 0", "dir 0 [<?php <<<A\n?>\n]"}));
+  // ERB and ASP.NET end their blocks at the first "%>", strings or not.
+  EXPECT_EQ(Scan(u"<% x = '%>' %>"), (Items{"dir 0 [<% x = '%>]", "text 10 [' %>]"}));
+}
+
 TEST(ScannerTest, ScriptAndStyleContentIsRawText) {
   EXPECT_EQ(Scan(u"<script>if (a<b) x('<p>');</script>"),
             (Items{"open 0 [script] end 8 []", "text 8 [if (a<b) x('<p>');]", "close 26 [script] end 35"}));

@@ -61,6 +61,17 @@ TEST_F(TagReplayTest, CheckAgreesWithTheLibraryOnWhichPagesMerge) {
        ""},
       {"footer.php", "<p><?= 1 ?></p>\n<?php get_footer();", false,
        "warning: %PAGE%: line 2: the server block `<?php get_footer();` (line 2) is open at the end of the page", ""},
+      // An element that HTML defines as empty, written without "/>", as
+      // ASP.NET accepts it: the message says why it counts as open.
+      {"input.aspx",
+       "<form runat=\"server\">\n<input type=hidden runat=\"server\" value=\"x\">\n</form>\n<p><%= 1 %></p>\n", true,
+       "line 3: the close tag </form> at line 3, column 1 closes the server element <input> (line 2) early: it ends "
+       "the <form> of line 1, which encloses it (<input> is an empty element in HTML, but a server element whose "
+       "open tag does not end in \"/>\" is taken to hold content up to its close tag: write it <input ... />); its "
+       "content is not HTML",
+       "write it <input ... />); its content is not HTML"},
+      {"img.aspx", "<p>a</p>\n<IMG src=\"a.png\" runat=\"server\">\n<p><%= 1 %></p>\n", true,
+       "the server element <IMG> (line 2) is never closed (<IMG> is an empty element in HTML", "write it <IMG ... />)"},
   };
   std::vector<std::string> all = {"--check"};
   for (const Case& c : cases) {
