@@ -89,6 +89,9 @@ inline constexpr char16_t kLabelCommentLead[] = u"<!--QZVX";
 inline constexpr char16_t kLabelCommentTail[] = u" -->";
 inline constexpr char16_t kLabelAttrHead[] = u" qzvx=\"";
 inline constexpr char16_t kLabelAttrTail[] = u"\" ";
+// The attribute the merge gives tags that came back from the server, and
+// server tags that printed nothing.
+inline constexpr char16_t kTranslatedValueAttr[] = u"qzTranslatedValue";
 
 namespace qzcontract {
 template <size_t nFormat, size_t nHead, size_t nTail>

@@ -48,6 +48,7 @@ enum class Finding {
   kCutOff,          // the output stops before the page's last label
   kNeverClosed,     // a piece the page itself never ends: an element whose content is not HTML left open
   kCodeMissing,     // server code the merged page would not hold
+  kCodeCut,         // server code the merged page holds with an attribute written into it
   // Found in the page itself when it is labelled:
   kOpenAtEnd,       // a construct the end of the page cuts off, translated all the same
   kNotLabelled,     // server code in a construct the end of the page cuts off, which no label can hold

@@ -54,6 +54,8 @@ class TranslationSession {
   // What the last Label found cut off by the end of the page, one warning
   // per construct; the page is translated all the same.
   const std::vector<LabelWarning>& Warnings() const { return warnings_; }
+  // The page of the last Label, as the session holds it.
+  std::u16string_view Page() const { return page_; }
   // The page line of the first of the page offsets (in ascending order)
   // that lies in server code of the last labelled page: in a piece the
   // library labelled, or in a server block of the profile, which may stand

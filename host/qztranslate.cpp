@@ -23,6 +23,7 @@
 #include "Preview.h"
 #include "PreviewPieces.h"
 #include "Server.h"
+#include "MergedCheck.h"
 #include "TagReplay.h"
 #include "TranslationSession.h"
 
@@ -352,6 +353,9 @@ int Translate(const Options& o) {
 
   std::u16string merged;
   if (!session.Merge(std::move(output), &merged, &error)) return Fail(error);
+  std::vector<LabelWarning> cut = CheckMergedCode(session.Page(), merged);
+  if (Report(pageName, cut, o.strict) > 0) return StrictFailure(static_cast<int>(cut.size()));
+  report.warnings.insert(report.warnings.end(), cut.begin(), cut.end());
   if (plan.writesPreview &&
       !WriteOutput(plan.preview, RenderPreview(PreviewOfTranslation(pageName, report, session.Warnings(), merged)),
                    &error))

@@ -397,6 +397,17 @@ TEST_F(QzTranslateTest, TranslatesThroughPhpInOneStepOrTwo) {
               Has(demo.output, "qzTranslatedValue=\"class=visitor  hilitecolor=") &&
               Has(demo.output, "<font hilitecolor=\"Dyn Up-to-Date Color\">Ada</font>")) << demo.output;
   EXPECT_FALSE(Has(demo.output, "QZVX") || Has(demo.output, "qzvx")) << "no label left behind";
+
+  // Code written against a tag's name that printed nothing: the merge puts
+  // the tag's attribute into it, which the command must not pass in silence.
+  Write("glued.php", "<?php if (0) { ?><style<?= $t ?>>p{}</style><?php } ?>\n");
+  ServerRun glued = Command({Path("glued.php")});
+  EXPECT_EQ(glued.exitStatus, 0);
+  EXPECT_TRUE(Has(glued.errors, "warning: " + Path("glued.php") + ": line 1: the server code written against a "
+                                "tag's name in `<style<?=...` is cut")) << glued.errors;
+  ServerRun strict = Command({"--strict", "-o", Path("glued.html"), Path("glued.php")});
+  EXPECT_EQ(strict.exitStatus, 1) << strict.errors;
+  EXPECT_FALSE(std::filesystem::exists(Path("glued.html")));
 }
 
 // The command lets go of each copy of the page as soon as the translation
