@@ -213,6 +213,9 @@ int Prepare(const Options& o, Plan* plan) {
   if (plan->writesPreview && !ResolveOutput(o.preview, &plan->preview, &error))
     return Fail("cannot write the preview to " + error);
   if (!CheckNotSameFile(o, *plan, &error)) return Fail(error);
+  // A named pipe nobody reads must not hold the command longer than a
+  // server may.
+  plan->merged.waitSeconds = plan->labelled.waitSeconds = plan->preview.waitSeconds = o.timeoutSeconds;
   return -1;
 }
 
