@@ -265,6 +265,7 @@ void Reap(Exchange* ex, bool inTime, double graceSeconds, ServerRun* run) {
     pid_t done = waitpid(ex->pid, &ex->status, 0);
     ex->exited = done == ex->pid || (done < 0 && errno != EINTR);
   }
+  if (EndAdoptedChildren(graceSeconds) && inTime) run->stoppedLeftovers = true;
   ForgetServerGroup();
   if (ex->pidFd >= 0) close(ex->pidFd);
   sigaction(SIGPIPE, &gSavedPipe, nullptr);
@@ -306,6 +307,7 @@ void AbandonServer(ServerProcess* server) {
     pid_t done = waitpid(server->pid, &server->status, 0);
     server->exited = done == server->pid || (done < 0 && errno != EINTR);
   }
+  EndAdoptedChildren(server->limits.graceSeconds);
   ForgetServerGroup();
   if (server->pidFd >= 0) close(server->pidFd);
   server->pidFd = -1;

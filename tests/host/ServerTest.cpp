@@ -99,6 +99,12 @@ TEST(ServerTest, NoServerOutlivesItsTimeLimitOrLeavesAProcessBehind) {
        "echo $$ >pids; sleep 30 & echo $! >>pids; echo done", false, 0.2},
       {"nor one that ignores SIGTERM", "echo $$ >pids; (trap '' TERM; sleep 30) & echo $! >>pids; echo done",
        false, 0.3 + 0.2},
+      {"nor a daemon that left the group (it outlived the command before)",
+       "echo $$ >pids; setsid -f sh -c 'echo $$ >>pids; exec sleep 30'; sleep 0.1; echo done", false, 0.1 + 0.3},
+      {"nor the children of one that ignores SIGTERM",
+       "echo $$ >pids; setsid -f sh -c 'trap \"\" TERM; sleep 30 & echo $! >>pids; echo $$ >>pids; wait'; "
+       "sleep 0.1; echo done",
+       false, 0.1 + 0.3 + 0.3},
   };
   for (const Case& c : cases) {
     auto begin = std::chrono::steady_clock::now();
