@@ -84,7 +84,7 @@ int main(int argc, char** argv) {
     bool ok = session.Start(&error) && session.Label(std::move(taken), &labelled, &error);
     auto t1 = CpuSeconds();
     std::u16string output = ok ? qzbench::StandInServer(labelled) : u"";
-    labelled = std::u16string();
+    std::u16string().swap(labelled);
     auto t2 = CpuSeconds();
     ok = ok && session.Merge(std::move(output), &merged, &error);
     auto t3 = CpuSeconds();

@@ -34,11 +34,13 @@ const char16_t kFixedPage[] =
     u"</body></html>\n";
 
 // Edits stop once the answer is this long: a few lines that each multiply
-// it would otherwise make one input take minutes.
-constexpr size_t kMaxAnswer = 1 << 20;
+// it would otherwise make one input take minutes. A single line may still
+// replace a short text by a long one, so each pass stops replacing there too.
+constexpr size_t kMaxAnswer = 1 << 18;
 
 // The labelled page with each line's replacement made in turn, every
-// occurrence of a line's "from" replaced in one pass over the text.
+// occurrence of a line's "from" replaced in one pass over the text, the
+// answer kept within about twice kMaxAnswer.
 std::u16string Edited(std::u16string labelled, std::u16string_view lines) {
   while (!lines.empty() && labelled.size() < kMaxAnswer) {
     size_t end = lines.find(u'\n');
@@ -49,7 +51,8 @@ std::u16string Edited(std::u16string labelled, std::u16string_view lines) {
     std::u16string_view from = line.substr(0, tab), to = line.substr(tab + 1);
     std::u16string out;
     size_t p = 0;
-    for (size_t q = labelled.find(from); q != std::u16string::npos; q = labelled.find(from, p)) {
+    for (size_t q = labelled.find(from); q != std::u16string::npos && out.size() < kMaxAnswer;
+         q = labelled.find(from, p)) {
       out.append(labelled, p, q - p).append(to);
       p = q + from.size();
     }

@@ -142,7 +142,10 @@ std::string EncodeText(std::u16string_view text, const std::string& encoding, st
   ReferenceLog log = {text.data(), text.data() + text.size(), referenced};
   UErrorCode status = U_ZERO_ERROR;
   ucnv_setFromUCallBack(converter.get(), WriteReference, &log, nullptr, nullptr, &status);
-  std::string out(text.size() * static_cast<size_t>(ucnv_getMaxCharSize(converter.get())) + 16, '\0');
+  // Room for one byte a unit and a little more, what most pages need;
+  // the longest a unit can become would hold two or three times that for
+  // as long as the result lives.
+  std::string out(text.size() + text.size() / 8 + 16, '\0');
   const UChar* source = text.data();
   size_t done = 0;
   for (;;) {

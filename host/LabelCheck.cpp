@@ -386,7 +386,7 @@ void Checker::CheckEnd(int32_t last) {
   if (last < 0 || last % 2 != 0) return;
   size_t at = events_.back().end;
   if (PieceOf(last).closeLabel < 0) {
-    Warn(&order_, Finding::kCutOff, PieceOf(last).line, at,
+    Warn(&order_, Finding::kNeverClosed, PieceOf(last).line, at,
          Named(last) + " has no end in the page itself: an element whose content is not HTML (such as one with "
                        "runat=\"server\") is not closed");
     return;

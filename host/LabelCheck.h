@@ -46,6 +46,7 @@ enum class Finding {
   kMovedLabel,      // a label attribute that is not where it was put
   kOutOfOrder,      // labels in an order no run of the page prints
   kCutOff,          // the output stops before the page's last label
+  kNeverClosed,     // a piece the page itself never ends: an element whose content is not HTML left open
   kCodeMissing,     // server code the merged page would not hold
   // Found in the page itself when it is labelled:
   kOpenAtEnd,       // a construct the end of the page cuts off, translated all the same

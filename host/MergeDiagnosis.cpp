@@ -57,25 +57,6 @@ std::vector<int64_t> ClosedAfter(const std::vector<FoundLabel>& labels) {
   return maxOdd;
 }
 
-// What in the page leaves open the element whose first label stands on
-// line: the first finding that breaks a merge, one about an element of that
-// line before any other.
-std::string CauseInPage(std::u16string_view page, const Profile& profile, size_t line) {
-  std::vector<ElementFinding> findings = ReplayServerElements(page, profile);
-  PlaceTable places(page);
-  const ElementFinding* cause = nullptr;
-  size_t causes = 0;
-  for (const ElementFinding& f : findings) {
-    if (!f.breaksMerge) continue;
-    ++causes;
-    bool ofLine = places.At(f.elementOffset).line == line;
-    if (!cause || (ofLine && places.At(cause->elementOffset).line != line)) cause = &f;
-  }
-  if (!cause) return "";
-  std::string more = causes > 1 ? " (and " + std::to_string(causes - 1) + " more: qztranslate --check lists them)" : "";
-  return "; in the page, " + DescribeFinding(*cause, places) + more;
-}
-
 // A start label (even) needs an end label (odd, not below it) somewhere
 // after it; a start whose end never came back means the server dropped the
 // rest of that stretch.
@@ -113,6 +94,24 @@ std::string ExplainMovedAttribute(std::u16string_view output) {
 }
 
 }  // namespace
+
+// The first finding that breaks a merge, one about an element of that line
+// before any other.
+std::string CauseInPage(std::u16string_view page, const Profile& profile, size_t line) {
+  std::vector<ElementFinding> findings = ReplayServerElements(page, profile);
+  PlaceTable places(page);
+  const ElementFinding* cause = nullptr;
+  size_t causes = 0;
+  for (const ElementFinding& f : findings) {
+    if (!f.breaksMerge) continue;
+    ++causes;
+    bool ofLine = places.At(f.elementOffset).line == line;
+    if (!cause || (ofLine && places.At(cause->elementOffset).line != line)) cause = &f;
+  }
+  if (!cause) return "";
+  std::string more = causes > 1 ? " (and " + std::to_string(causes - 1) + " more: qztranslate --check lists them)" : "";
+  return "; in the page, " + DescribeFinding(*cause, places) + more;
+}
 
 std::string ExplainRejectedMerge(std::u16string_view page, std::u16string_view labelled, std::u16string_view output,
                                  const Profile& profile) {

@@ -18,6 +18,11 @@ namespace qzhost {
 std::string ExplainRejectedMerge(std::u16string_view page, std::u16string_view labelled, std::u16string_view output,
                                  const Profile& profile);
 
+// What in the page leaves open the server element whose first label stands
+// on line (1-based), as "; in the page, ..." to append to a message; empty
+// when the page's open-tag tracking finds nothing that breaks a merge.
+std::string CauseInPage(std::u16string_view page, const Profile& profile, size_t line);
+
 }  // namespace qzhost
 
 #endif

@@ -242,7 +242,13 @@ LabelReport TranslationSession::Check(std::u16string_view output) const {
     return report;
   }
   std::u16string buffer;
-  return CheckLabels(page_, places_, Unclosed(output, &buffer), profile_.directiveStart, LastLabelApart());
+  LabelReport report =
+      CheckLabels(page_, places_, Unclosed(output, &buffer), profile_.directiveStart, LastLabelApart());
+  // The page's own markup is at fault there, and the line of the piece is
+  // seldom where: name the close tag that ended its element early.
+  for (LabelWarning& warning : report.warnings)
+    if (warning.kind == Finding::kNeverClosed) warning.message += CauseInPage(page_, profile_, warning.pageLine);
+  return report;
 }
 
 bool TranslationSession::Start(std::string* error) {
@@ -328,7 +334,7 @@ bool TranslationSession::Merge(std::u16string&& output, std::u16string* merged, 
   std::u16string buffer = std::move(output);
   std::u16string unclosed;
   if (Unclosed(buffer, &unclosed).data() != buffer.data()) buffer.swap(unclosed);
-  unclosed = std::u16string();
+  std::u16string().swap(unclosed);
   Engine::Mark mark = engine_.Save();
   Value result;
   bool ok = Call("beginPostTranslate", {}, &result, error) && Scan(buffer, "the server's output", false, error);

@@ -322,6 +322,7 @@ int Translate(const Options& o) {
        !ReadOutput(outputBytes, "server output " + (o.serverOutput == "-" ? "on standard input" : o.serverOutput),
                    encoding, o, &output, &error)))
     return Fail(error);
+  std::string().swap(outputBytes);
 
   Engine engine;
   std::string library = o.library.empty() ? DefaultLibraryPath() : o.library;
@@ -339,7 +340,7 @@ int Translate(const Options& o) {
   std::string labelledBytes = EncodePage(labelled, encoding);
   // From here on only the bytes are needed; a translation holds few copies
   // of the page at a time.
-  labelled = std::u16string();
+  std::u16string().swap(labelled);
   if (plan.labelOnly) {
     if (!WriteOutput(plan.labelled, labelledBytes, &error)) return Fail("cannot write the labelled page to " + error);
     return 0;
@@ -349,7 +350,10 @@ int Translate(const Options& o) {
       (!RunTheServer(o, plan, &server, labelledBytes, &outputBytes, &error) ||
        !ReadOutput(outputBytes, "the server's output", encoding, o, &output, &error)))
     return Fail(error);
-  outputBytes = std::string();
+  std::string().swap(outputBytes);
+  // The labelled page's bytes are written last, with the merged page, or
+  // not at all: the merge's peak should not hold them for nothing.
+  if (!plan.writesLabelled) std::string().swap(labelledBytes);
   LabelReport report = session.Check(output);
   errors = Report(pageName, report.warnings, o.strict);
   if (errors > 0) return StrictFailure(errors);

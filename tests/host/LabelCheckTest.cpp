@@ -28,7 +28,7 @@ const char kPage[] =
     "<?php function f() { ?><i>f</i><?php } ?><?php f(); ?>\n";
 
 const char* const kNames[] = {"no-output", "no-labels", "unknown", "malformed", "moved",
-                              "out-of-order", "cut-off", "code-missing", "open-at-end", "not-labelled"};
+                              "out-of-order", "cut-off", "never-closed", "code-missing", "open-at-end", "not-labelled"};
 
 // The findings as "kind@page line", in order.
 std::string Findings(const LabelReport& report) {

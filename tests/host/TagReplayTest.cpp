@@ -76,11 +76,16 @@ TEST_F(TagReplayTest, CheckAgreesWithTheLibraryOnWhichPagesMerge) {
     EXPECT_EQ(check.errors.empty(), c.checkSays.empty()) << c.file << ": " << check.errors;
     ServerRun merge = Command({"--server", "cat", "-o", Path("merged"), Path(c.file)});
     EXPECT_EQ(merge.exitStatus, c.breaksMerge ? 1 : 0) << c.file << ": " << merge.errors;
-    if (c.breaksMerge)
+    if (c.breaksMerge) {
       EXPECT_TRUE(Has(merge.errors, "the library rejected the merge") && Has(merge.errors, c.mergeSays))
           << c.file << ": " << merge.errors;
-    else
+      // --strict stops at the label check, before the library refuses: its
+      // own message must name the cause in the page as well.
+      ServerRun strict = Command({"--strict", "--server", "cat", "-o", Path("merged"), Path(c.file)});
+      EXPECT_TRUE(Has(strict.errors, "is not closed; in the page, ")) << c.file << ": " << strict.errors;
+    } else {
       EXPECT_EQ(Read("merged"), c.page) << c.file;
+    }
   }
   // Many pages at once, as xargs gives them: each is checked and named.
   ServerRun check = Command({all[0], all[1], all[2], all[3], all[4], all[5], all[6]});
