@@ -6,6 +6,7 @@
 #include "Cleanup.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/wait.h>
@@ -53,6 +54,51 @@ void ReapGroup(pid_t group, pid_t leader, int* leaderStatus, bool* leaderReaped)
 
 bool GroupIsEmpty(pid_t group) { return kill(-group, 0) != 0 && errno == ESRCH; }
 
+// Reads this process's children from /proc into pids (at most max); how
+// many were read.
+int ListChildren(pid_t* pids, int max) {
+  char path[64] = "/proc/self/task/";
+  char digits[16];
+  int nDigits = 0;
+  for (pid_t self = getpid(); self > 0 && nDigits < 16; self /= 10) digits[nDigits++] = static_cast<char>('0' + self % 10);
+  size_t at = strlen(path);
+  while (nDigits > 0) path[at++] = digits[--nDigits];
+  memcpy(path + at, "/children", 10);
+  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  char text[4096];
+  ssize_t got = read(fd, text, sizeof text - 1);
+  close(fd);
+  int n = 0;
+  pid_t pid = 0;
+  for (ssize_t i = 0; i < got && n < max; ++i) {
+    if (text[i] >= '0' && text[i] <= '9') {
+      pid = pid * 10 + (text[i] - '0');
+    } else if (pid > 0) {
+      pids[n++] = pid;
+      pid = 0;
+    }
+  }
+  if (pid > 0 && n < max) pids[n++] = pid;
+  return n;
+}
+
+// Sends sig to each child's own process group when it has left ours, else
+// to the child alone.
+void SignalChildren(const pid_t* pids, int n, int sig) {
+  for (int i = 0; i < n; ++i) {
+    pid_t group = getpgid(pids[i]);
+    if (group > 0 && group != getpgrp()) kill(-group, sig);
+    kill(pids[i], sig);
+  }
+}
+
+void ReapAnyChild() {
+  int status = 0;
+  while (waitpid(-1, &status, WNOHANG) > 0) {
+  }
+}
+
 void OnInterrupt(int sig) {
   pid_t group = sServerGroup;
   if (group > 0) {
@@ -60,6 +106,7 @@ void OnInterrupt(int sig) {
     bool reaped = false;
     EndProcessGroup(group, group, kGraceSeconds, &status, &reaped);
   }
+  EndAdoptedChildren(kGraceSeconds);
   for (TempSlot& slot : sTemps)
     if (slot.bUsed) unlink(slot.path);
   _exit(128 + sig);
@@ -141,6 +188,35 @@ void EndProcessGroup(pid_t group, pid_t leader, double graceSeconds, int* leader
     if (GroupIsEmpty(group)) return;
     Nap();
   }
+}
+
+bool EndAdoptedChildren(double graceSeconds) {
+  constexpr int kMax = 256;
+  pid_t pids[kMax];
+  bool found = false;
+  // Each round ends the children found; their own children, orphaned in
+  // turn, come to this process and are found in the next round.
+  for (int round = 0; round < 8; ++round) {
+    ReapAnyChild();
+    int n = ListChildren(pids, kMax);
+    if (n == 0) return found;
+    found = true;
+    SignalChildren(pids, n, SIGTERM);
+    SignalChildren(pids, n, SIGCONT);
+    double deadline = Now() + graceSeconds;
+    while (Now() < deadline) {
+      ReapAnyChild();
+      if (ListChildren(pids, kMax) == 0) break;
+      Nap();
+    }
+    n = ListChildren(pids, kMax);
+    SignalChildren(pids, n, SIGKILL);
+    for (int i = 0; i < 200 && ListChildren(pids, kMax) > 0; ++i) {
+      ReapAnyChild();
+      Nap();
+    }
+  }
+  return found;
 }
 
 }  // namespace qzhost

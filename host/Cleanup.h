@@ -47,6 +47,14 @@ void ForgetServerGroup();
 // Async-signal-safe.
 void EndProcessGroup(pid_t group, pid_t leader, double graceSeconds, int* leaderStatus, bool* leaderReaped);
 
+// Ends the processes a server left outside its group (a daemon made with
+// setsid), which come to this process as orphans once their parents have
+// exited (the command is their subreaper): each gets SIGTERM, its group too
+// when it leads one, then SIGKILL after graceSeconds, and is reaped. Call it
+// only once the server itself has been reaped: every child of this process
+// is taken for such an orphan. True when there were any. Async-signal-safe.
+bool EndAdoptedChildren(double graceSeconds);
+
 }  // namespace qzhost
 
 #endif

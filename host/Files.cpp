@@ -6,9 +6,12 @@
 #include "Files.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -82,16 +85,71 @@ bool WriteToDescriptor(const OutputTarget& target, std::string_view bytes, std::
   return false;
 }
 
+double Now() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+// Opens a pipe or device for writing without blocking: a named pipe that no
+// process reads yet is tried again every 10 ms until the deadline (0: none).
+// -1 with errno set; ETIMEDOUT when the deadline passed.
+int OpenInPlace(const std::string& path, double deadline) {
+  for (;;) {
+    int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (fd >= 0 || errno != ENXIO) return fd;
+    if (deadline > 0 && Now() >= deadline) {
+      errno = ETIMEDOUT;
+      return -1;
+    }
+    struct timespec nap = {0, 10 * 1000 * 1000};
+    nanosleep(&nap, nullptr);
+  }
+}
+
+// Writes all bytes to a descriptor opened without blocking, waiting for room
+// until the deadline (0: none); returns 0 or the error that stopped it,
+// ETIMEDOUT when the deadline passed.
+int WriteAllBy(int fd, std::string_view bytes, double deadline) {
+  size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t put = write(fd, bytes.data() + done, bytes.size() - done);
+    if (put > 0) {
+      done += static_cast<size_t>(put);
+      continue;
+    }
+    if (put < 0 && errno != EAGAIN && errno != EINTR) return errno;
+    if (put == 0) return EIO;
+    double left = deadline > 0 ? deadline - Now() : -1;
+    if (deadline > 0 && left <= 0) return ETIMEDOUT;
+    struct pollfd room = {fd, POLLOUT, 0};
+    if (poll(&room, 1, left < 0 ? -1 : static_cast<int>(left * 1000) + 1) < 0 && errno != EINTR) return errno;
+  }
+  return 0;
+}
+
 bool WriteInPlace(const OutputTarget& target, std::string_view bytes, std::string* error) {
-  int fd = open(target.path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
-  if (fd < 0) {
-    *error = Reason(target.given, errno);
+  double deadline = target.waitSeconds > 0 ? Now() + target.waitSeconds : 0;
+  int fd = OpenInPlace(target.path, deadline);
+  int err = fd < 0 ? errno : WriteAllBy(fd, bytes, deadline);
+  if (fd >= 0 && close(fd) != 0 && err == 0 && errno != EINTR) err = errno;
+  if (err == 0) return true;
+  if (err != ETIMEDOUT) {
+    *error = Reason(target.given, err);
     return false;
   }
-  int err = WriteAll(fd, bytes);
-  if (close(fd) != 0 && err == 0 && errno != EINTR) err = errno;
-  if (err == 0) return true;
-  *error = Reason(target.given, err);
+  char seconds[32];
+  std::snprintf(seconds, sizeof seconds, "%g", target.waitSeconds);
+  *error = target.given + ": no process " + (fd < 0 ? "opened it for reading" : "read what was written") +
+           " within " + seconds + " seconds (--timeout)";
+  return false;
+}
+
+// Fails, with the system's reason, when this process may not write path in
+// the given way.
+bool MayWrite(const std::string& path, int mode, const std::string& given, std::string* error) {
+  if (access(path.c_str(), mode) == 0) return true;
+  *error = Reason(given, errno);
   return false;
 }
 
@@ -201,21 +259,25 @@ bool ResolveOutput(const std::string& given, OutputTarget* target, std::string* 
         return false;
       }
       target->path = path;
-      return true;
+      return MayWrite(FolderOf(path), W_OK | X_OK, target->given, error);
     }
     if (S_ISLNK(st.st_mode)) {
       if (!FollowLink(path, &path, error)) return false;
       continue;
     }
-    if (S_ISDIR(st.st_mode)) {
-      *error = Reason(target->given, EISDIR);
+    if (S_ISDIR(st.st_mode) || S_ISSOCK(st.st_mode)) {
+      *error = Reason(target->given, S_ISDIR(st.st_mode) ? EISDIR : ENXIO);
       return false;
     }
     target->kind = S_ISREG(st.st_mode) ? OutputTarget::Kind::kFile : OutputTarget::Kind::kInPlace;
     target->path = path;
     target->exists = true;
     target->st = st;
-    return true;
+    // A regular file is replaced by renaming into its folder; one its owner
+    // made read-only is refused all the same, as a shell's `>` refuses it.
+    if (target->kind == OutputTarget::Kind::kFile && !MayWrite(FolderOf(path), W_OK | X_OK, target->given, error))
+      return false;
+    return MayWrite(path, W_OK, target->given, error);
   }
   *error = Reason(target->given, ELOOP);
   return false;

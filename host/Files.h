@@ -30,20 +30,28 @@ struct OutputTarget {
   int fd = -1;        // kDescriptor
   bool exists = false;
   struct stat st = {};  // when exists
+  // How long a named pipe may keep the write waiting, for a reader to open
+  // it and to read what is written (0: as long as it takes).
+  double waitSeconds = 0;
 };
 
 // Finds where given leads: "-" is standard output; /dev/stdout, /dev/stderr,
 // /dev/fd/N and /proc/self/fd/N are that descriptor; symbolic links are
 // followed (also dangling ones, whose target is then created). Fails with a
-// message for a directory, a descriptor that is not open, and a chain of
-// links that does not end.
+// message for a directory, a socket, a descriptor that is not open, a chain
+// of links that does not end, and a target this process may not write (a
+// file or device without write permission, a folder in which a file cannot
+// be made or replaced), so that the command can refuse it before any server
+// runs.
 bool ResolveOutput(const std::string& given, OutputTarget* target, std::string* error);
 
 // Writes bytes to the target. A regular file is written under a short
 // temporary name in its own folder and renamed over the path once complete,
 // keeping the permission bits (and, where the system allows, the owner) of
 // the file it replaces; a new one gets 0666 less the umask. Other targets
-// are written in place. On failure returns false with a message, and no
+// are written in place; a named pipe that no process opens for reading, or
+// whose reader stops reading, fails the write after target.waitSeconds. On
+// failure returns false with a message, and no
 // temporary file is left behind, also when the command is interrupted
 // (Cleanup.h).
 bool WriteOutput(const OutputTarget& target, std::string_view bytes, std::string* error);

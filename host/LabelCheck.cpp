@@ -178,6 +178,8 @@ class Checker : public ScanSink {
   std::vector<Event> events_;
   bool tagLabelsBack_ = false;
   size_t tagBegin_ = 0, tagNameEnd_ = 0;  // the output's open tag being scanned
+  int tagLabels_ = 0;                     // label attributes met in it so far
+  int32_t tagCounted_ = -1;               // the known label counted back for it; -1: none
   std::vector<int32_t> cover_;            // per gap between label places: stretches that lock it
   bool refused_ = false;                  // the merge's walk finds an opening label it cannot close
   std::vector<LabelWarning> plain_, forms_, order_, missing_;
@@ -225,6 +227,17 @@ void Checker::MakeTags() {
   }
 }
 
+// True when two tag names are the same but for the letter case of ASCII.
+bool SameNameFolded(std::u16string_view a, std::u16string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    char16_t x = a[i] >= u'A' && a[i] <= u'Z' ? static_cast<char16_t>(a[i] + 32) : a[i];
+    char16_t y = b[i] >= u'A' && b[i] <= u'Z' ? static_cast<char16_t>(b[i] + 32) : b[i];
+    if (x != y) return false;
+  }
+  return true;
+}
+
 // A label comment as the library reads it ("<!--QZVX", a number), or a
 // directive that hides one.
 bool Checker::Directive(std::u16string_view text, int32_t offset) {
@@ -260,6 +273,8 @@ bool Checker::Directive(std::u16string_view text, int32_t offset) {
 bool Checker::OpenTagBegin(std::u16string_view name, int32_t offset) {
   tagBegin_ = static_cast<size_t>(offset);
   tagNameEnd_ = tagBegin_ + 1 + name.size();
+  tagLabels_ = 0;
+  tagCounted_ = -1;
   return true;
 }
 
@@ -286,10 +301,20 @@ bool Checker::Attribute(std::u16string_view name, std::u16string_view value) {
   size_t line = known ? report_.tags[static_cast<size_t>(n.value)].line : 0;
   bool inPlace = at == tagNameEnd_ + 1 && output_[tagNameEnd_] == u' ' && at + kAttrName.size() < output_.size() &&
                  output_[at + kAttrName.size()] == u'=';
-  if (!inPlace)
+  if (++tagLabels_ > 1) {
+    // The library takes the last label of a tag, and does not refuse: the
+    // labels before it lose their tags' attributes, and one that is not in
+    // place may be left glued to the tag's name.
+    Warn(&forms_, Finding::kMovedLabel, line, at,
+         "the tag " + tag() + " carries more than one label attribute; the merge reads only the last, " +
+             "qzvx=\"" + EncodeUtf8(value) + "\", and may leave the others in the tag's name");
+    if (tagCounted_ >= 0) report_.tags[static_cast<size_t>(tagCounted_)].timesBack--;
+    tagCounted_ = -1;
+  } else if (!inPlace) {
     Warn(&forms_, Finding::kMovedLabel, line, at,
          "the label attribute of the tag " + tag() +
              " is not where it was put (right after the tag's name); the library will refuse the merge");
+  }
   if (!AllDigits(value)) {
     std::string what = "the label attribute qzvx=\"" + EncodeUtf8(value) + "\" of the tag " + tag() +
                        " is not a number; it is read as label " + std::to_string(n.value);
@@ -302,7 +327,18 @@ bool Checker::Attribute(std::u16string_view name, std::u16string_view value) {
              " carries a number the page was never given; the tag keeps the server's attributes");
   }
   if (!known) return true;
-  report_.tags[static_cast<size_t>(n.value)].timesBack++;
+  CheckedTag& labelled = report_.tags[static_cast<size_t>(n.value)];
+  size_t place = places_.attributes[static_cast<size_t>(n.value)];
+  std::u16string_view pageName =
+      labelled.begin < place ? page_.substr(labelled.begin + 1, place - labelled.begin - 1) : std::u16string_view();
+  std::u16string_view outputName = output_.substr(tagBegin_ + 1, tagNameEnd_ - tagBegin_ - 1);
+  if (!pageName.empty() && !SameNameFolded(pageName, outputName))
+    Warn(&forms_, Finding::kMovedLabel, line, at,
+         "the label attribute qzvx=\"" + EncodeUtf8(value) + "\" came back in the tag " + tag() +
+             ", but was put in the tag `<" + EncodeUtf8(pageName) + "` at line " + std::to_string(line) +
+             "; the merge gives " + tag() + " that tag's source attributes");
+  labelled.timesBack++;
+  tagCounted_ = n.value;
   tagLabelsBack_ = true;
   return true;
 }

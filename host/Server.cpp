@@ -187,15 +187,26 @@ bool CheckExited(Exchange* ex) {
   return ex->exited;
 }
 
+// True when the server has written more than its limit allows.
+bool TooMuch(const Exchange* ex, const ServerRun* run) {
+  return ex->limits.maxOutputBytes > 0 && run->output.size() > ex->limits.maxOutputBytes;
+}
+
 // Writes input while reading both outputs until the server's own process has
-// exited or the deadline (0: none) has passed; closes the pipes either way.
-// Returns false when the deadline ended it.
+// exited, the deadline (0: none) has passed or the output has outgrown its
+// limit; closes the pipes either way. Returns false when the deadline or the
+// limit ended it (run->tooMuchOutput tells which).
 bool Pump(std::string_view input, double deadline, Exchange* ex, ServerRun* run) {
   size_t written = 0;
   bool inTime = true;
   while (!CheckExited(ex)) {
     double left = deadline > 0 ? deadline - Now() : -1;
     if (deadline > 0 && left <= 0) {
+      inTime = false;
+      break;
+    }
+    if (TooMuch(ex, run)) {
+      run->tooMuchOutput = true;
       inTime = false;
       break;
     }
@@ -234,6 +245,8 @@ bool Pump(std::string_view input, double deadline, Exchange* ex, ServerRun* run)
   if (inTime) {
     Drain(&ex->fromServer, false, run);
     Drain(&ex->errFromServer, true, run);
+    // What an exited server left in the pipe counts as well.
+    run->tooMuchOutput = TooMuch(ex, run);
   }
   CloseIf(&ex->fromServer);
   CloseIf(&ex->errFromServer);
@@ -246,16 +259,18 @@ bool Pump(std::string_view input, double deadline, Exchange* ex, ServerRun* run)
 void Reap(Exchange* ex, bool inTime, double graceSeconds, ServerRun* run) {
   bool leftovers = kill(-ex->pid, 0) == 0;
   if (!inTime || leftovers) EndProcessGroup(ex->pid, ex->pid, graceSeconds, &ex->status, &ex->exited);
-  run->timedOut = !inTime;
+  run->timedOut = !inTime && !run->tooMuchOutput;
   run->stoppedLeftovers = inTime && leftovers && ex->exited;
   while (!ex->exited) {
     pid_t done = waitpid(ex->pid, &ex->status, 0);
     ex->exited = done == ex->pid || (done < 0 && errno != EINTR);
   }
+  if (EndAdoptedChildren(graceSeconds) && inTime) run->stoppedLeftovers = true;
   ForgetServerGroup();
   if (ex->pidFd >= 0) close(ex->pidFd);
   sigaction(SIGPIPE, &gSavedPipe, nullptr);
   if (run->errors.size() > kErrorTail) run->errors.erase(0, run->errors.size() - kErrorTail);
+  if (run->tooMuchOutput) run->output.resize(ex->limits.maxOutputBytes);
   if (WIFEXITED(ex->status)) {
     run->exitStatus = WEXITSTATUS(ex->status);
   } else if (WIFSIGNALED(ex->status)) {
@@ -292,6 +307,7 @@ void AbandonServer(ServerProcess* server) {
     pid_t done = waitpid(server->pid, &server->status, 0);
     server->exited = done == server->pid || (done < 0 && errno != EINTR);
   }
+  EndAdoptedChildren(server->limits.graceSeconds);
   ForgetServerGroup();
   if (server->pidFd >= 0) close(server->pidFd);
   server->pidFd = -1;

@@ -13,19 +13,21 @@ struct ServerRun {
   int exitStatus = -1;  // the exit status, or -1 when a signal ended it
   int signal = 0;       // the signal that ended it, or 0
   bool timedOut = false;       // the time limit ended it (signal then tells how)
+  bool tooMuchOutput = false;  // it wrote more than its limit allowed and was ended (output then holds the limit)
   bool stoppedLeftovers = false;  // processes it left running in its group were ended
   std::string output;   // everything it wrote to standard output
   std::string errors;   // the tail of what it wrote to standard error (at most kErrorTail bytes)
   size_t errorBytes = 0;  // how much it wrote to standard error in all
-  bool Succeeded() const { return exitStatus == 0 && !timedOut; }
+  bool Succeeded() const { return exitStatus == 0 && !timedOut && !tooMuchOutput; }
 };
 
 constexpr size_t kErrorTail = 64 * 1024;
 
-// How long a server may run.
+// How long a server may run, and how much it may write.
 struct ServerLimits {
   double timeoutSeconds = 0;  // 0: no limit
   double graceSeconds = 1;    // between SIGTERM and SIGKILL
+  size_t maxOutputBytes = 0;  // of standard output; 0: no limit
 };
 
 // Runs command with /bin/sh -c in the given folder, in a process group of
@@ -39,7 +41,10 @@ struct ServerLimits {
 // read to the end, and whatever it left running in its group (a background
 // child holding the output open) is ended, not waited for. When the time
 // limit passes first, the whole group gets SIGTERM, then SIGKILL after the
-// grace, and timedOut is set. While it runs, the group is registered for the
+// grace, and timedOut is set. A server whose standard output grows past
+// maxOutputBytes is ended the same way at once, with tooMuchOutput set: held
+// in memory, a server that never stops writing (`yes`) would exhaust it
+// long before any time limit. While it runs, the group is registered for the
 // interrupt handlers (Cleanup.h).
 //
 // Returns false only when the command could not be started (the message says

@@ -34,6 +34,12 @@ using namespace qzhost;
 constexpr int kExitFailed = 1;
 constexpr int kExitUsage = 2;
 
+// The most a server may print. Its output is held in memory, then read as
+// UTF-16 and merged, which takes several times as much again; no page's
+// output comes near this, while a server that never stops printing would
+// take all the memory there is before its time limit.
+constexpr size_t kServerOutputLimit = size_t(1) << 30;
+
 int Fail(const std::string& message) {
   std::fprintf(stderr, "qztranslate: %s\n", message.c_str());
   return kExitFailed;
@@ -79,7 +85,10 @@ bool ReadOutput(const std::string& bytes, const std::string& what, const PageEnc
 
 std::string DescribeFailedServer(const std::string& command, double timeout, const ServerRun& run) {
   std::string message = "the server `" + command + "` ";
-  if (run.timedOut) {
+  if (run.tooMuchOutput) {
+    message += "printed more than " + std::to_string(kServerOutputLimit >> 20) +
+               " MiB, more than any page gives, and was stopped";
+  } else if (run.timedOut) {
     char seconds[32];
     std::snprintf(seconds, sizeof seconds, "%g", timeout);
     message += std::string("did not finish within the time limit of ") + seconds +
@@ -210,6 +219,9 @@ int Prepare(const Options& o, Plan* plan) {
   if (plan->writesPreview && !ResolveOutput(o.preview, &plan->preview, &error))
     return Fail("cannot write the preview to " + error);
   if (!CheckNotSameFile(o, *plan, &error)) return Fail(error);
+  // A named pipe nobody reads must not hold the command longer than a
+  // server may.
+  plan->merged.waitSeconds = plan->labelled.waitSeconds = plan->preview.waitSeconds = o.timeoutSeconds;
   return -1;
 }
 
@@ -249,6 +261,7 @@ class EarlyServer {
     ServerLimits limits;
     limits.timeoutSeconds = o.timeoutSeconds;
     limits.graceSeconds = kGraceSeconds;
+    limits.maxOutputBytes = kServerOutputLimit;
     started_ = StartServer(plan.serverCommand, FolderOf(o.page), &process_, error, limits);
     return started_;
   }

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -111,6 +112,21 @@ TEST_F(FilesTest, PipesDevicesAndDescriptorsAreWrittenInPlace) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_TRUE(std::filesystem::is_fifo(Path("fifo")));
 
+  // One that no process opens for reading, or whose reader reads nothing,
+  // fails after the wait instead of holding the command for ever.
+  OutputTarget waiting;
+  std::string error;
+  ASSERT_TRUE(ResolveOutput(Path("fifo"), &waiting, &error)) << error;
+  waiting.waitSeconds = 0.2;
+  auto begin = std::chrono::steady_clock::now();
+  EXPECT_FALSE(WriteOutput(waiting, "nobody reads", &error));
+  EXPECT_EQ(error, Path("fifo") + ": no process opened it for reading within 0.2 seconds (--timeout)");
+  int idle = open(Path("fifo").c_str(), O_RDONLY | O_NONBLOCK);
+  EXPECT_FALSE(WriteOutput(waiting, std::string(4 << 20, 'x'), &error));
+  EXPECT_EQ(error, Path("fifo") + ": no process read what was written within 0.2 seconds (--timeout)");
+  close(idle);
+  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count(), 1.0);
+
   // An open descriptor, by /dev/fd/N and /proc/self/fd/N.
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);
@@ -156,6 +172,9 @@ TEST_F(FilesTest, WhatCannotBeWrittenSaysWhyAndLeavesNothingBehind) {
   ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   std::filesystem::create_symlink("/dev/full", Path("full"));
   EXPECT_NE(Write(Path("socket"), "x").find("No such device or address"), std::string::npos);
+  OutputTarget socketTarget;
+  std::string socketError;
+  EXPECT_FALSE(ResolveOutput(Path("socket"), &socketTarget, &socketError)) << "found before anything runs";
   EXPECT_NE(Write(Path("full"), "x").find(Path("full") + ": No space left on device"), std::string::npos);
   EXPECT_NE(Write("/proc/qz-output", "x").find("/proc/qz-output: "), std::string::npos);
   close(sock);
@@ -169,6 +188,34 @@ TEST_F(FilesTest, WhatCannotBeWrittenSaysWhyAndLeavesNothingBehind) {
   EXPECT_FALSE(WriteOutput(target, "new", &error));
   EXPECT_NE(error.find(Path("out.html") + ": "), std::string::npos) << error;
   EXPECT_EQ(Names(), "full out.html socket ");
+  // What this process may not write is refused when the target is found,
+  // before anything runs: a read-only file (kept as it is, as a shell's `>`
+  // keeps it), a new file or a replacement in a read-only folder. Root may
+  // write anything, so the cases run as nobody.
+  std::filesystem::create_directory(Path("shut"));
+  std::ofstream(Path("shut/inside.html")) << "kept";
+  std::ofstream(Path("read-only.html")) << "kept";
+  chmod(folder, 0777);
+  chmod(Path("shut").c_str(), 0555);
+  chmod(Path("read-only.html").c_str(), 0444);
+  chmod(Path("shut/inside.html").c_str(), 0666);
+  pid_t child = fork();
+  if (child == 0) {
+    if (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0) _exit(2);
+    OutputTarget t;
+    std::string why;
+    bool refused = !ResolveOutput(Path("read-only.html"), &t, &why) && why == Path("read-only.html") + ": Permission denied" &&
+                   !ResolveOutput(Path("shut/new.html"), &t, &why) && why == Path("shut/new.html") + ": Permission denied" &&
+                   !ResolveOutput(Path("shut/inside.html"), &t, &why) && ResolveOutput(Path("new.html"), &t, &why);
+    _exit(refused ? 0 : 1);
+  }
+  int childStatus = 0;
+  ASSERT_EQ(waitpid(child, &childStatus, 0), child);
+  EXPECT_TRUE(WIFEXITED(childStatus) && WEXITSTATUS(childStatus) == 0);
+  EXPECT_EQ(Read("read-only.html") + Read("shut/inside.html"), "keptkept");
+  chmod(Path("shut").c_str(), 0755);
+  EXPECT_EQ(Names(), "full out.html read-only.html shut socket ");
+
   // A privileged command gives a replaced file back its owner.
   if (geteuid() != 0) return;
   std::ofstream(Path("owned")) << "old";

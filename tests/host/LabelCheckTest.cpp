@@ -139,6 +139,13 @@ TEST_F(LabelCheckTest, EditedOutputsNameTheirFaultsByPageLine) {
        "malformed@0 out-of-order@2 code-missing@2"},
       {"leave the label attribute without its value", Edited(output, "qzvx=\"0\"", "qzvx"), "moved@2 malformed@2"},
       {"put the label attribute last", Edited(output, " qzvx=\"0\"  (class=\"c\")", " $1 qzvx"), "moved@2 malformed@2"},
+      // The merge takes a label attribute wherever it comes back, and the
+      // last of a tag: the wrong tag gets the source attributes, the tag
+      // before loses its own (both passed without a word before).
+      {"put the label attribute on another tag", Edited(output, "<h1>", "<h1 qzvx=\"0\">"), "moved@2"},
+      {"give a tag a second label attribute", Edited(output, "qzvx=\"0\"", "qzvx=\"0\" qzvx=\"0\""), "moved@2"},
+      {"and an unknown second one", Edited(output, "qzvx=\"0\"", "qzvx=\"0\" qzvx=\"7\""),
+       "moved@0 unknown@0 code-missing@2"},
       {"print nothing but the labels", "<!--QZVX 0 --><!--QZVX 1 -->",
        "code-missing@2 code-missing@3 code-missing@3 code-missing@3 code-missing@4 code-missing@4 code-missing@5 "
        "code-missing@5 code-missing@5 code-missing@2"},

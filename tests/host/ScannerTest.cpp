@@ -39,7 +39,14 @@ class Recorder : public ScanSink {
     EXPECT_EQ(last_, "open");
     Inside(name);
     Inside(value);
-    return Add(" " + EncodeUtf8(name) + "=[" + EncodeUtf8(value) + "]", false);
+    // Built by appending: g++ 12 at -O3 (a Release build) takes `" " + std::string`
+    // for an overlapping copy and -Werror stops the build.
+    std::string item = " ";
+    item += EncodeUtf8(name);
+    item += "=[";
+    item += EncodeUtf8(value);
+    item += "]";
+    return Add(std::move(item), false);
   }
   bool OpenTagEnd(int32_t end, std::u16string_view closing) override {
     Inside(closing);

@@ -106,6 +106,12 @@ TEST(ServerTest, NoServerOutlivesItsTimeLimitOrLeavesAProcessBehind) {
        "echo $$ >pids; sleep 30 & echo $! >>pids; echo done", false, 0.2},
       {"nor one that ignores SIGTERM", "echo $$ >pids; (trap '' TERM; sleep 30) & echo $! >>pids; echo done",
        false, 0.3 + 0.2},
+      {"nor a daemon that left the group (it outlived the command before)",
+       "echo $$ >pids; setsid -f sh -c 'echo $$ >>pids; exec sleep 30'; sleep 0.1; echo done", false, 0.1 + 0.3},
+      {"nor the children of one that ignores SIGTERM",
+       "echo $$ >pids; setsid -f sh -c 'trap \"\" TERM; sleep 30 & echo $! >>pids; echo $$ >>pids; wait'; "
+       "sleep 0.1; echo done",
+       false, 0.1 + 0.3 + 0.3},
   };
   for (const Case& c : cases) {
     auto begin = std::chrono::steady_clock::now();
@@ -115,6 +121,25 @@ TEST(ServerTest, NoServerOutlivesItsTimeLimitOrLeavesAProcessBehind) {
     EXPECT_TRUE(allGone()) << c.what;
     EXPECT_TRUE(c.timedOut || (run.Succeeded() && run.output == "done\n" && run.stoppedLeftovers)) << c.what;
   }
+  // A server that never stops printing is ended once its output passes the
+  // limit, long before the time limit: held in memory, `yes` took 4 GB in
+  // six seconds. One that prints exactly the limit and exits is fine, one
+  // that leaves a byte more in the pipe as it exits is not.
+  ServerLimits small;
+  small.timeoutSeconds = 20;
+  small.graceSeconds = 0.3;
+  small.maxOutputBytes = 1 << 20;
+  auto begin = std::chrono::steady_clock::now();
+  ServerRun flood = RunCommand("echo $$ >pids; yes", "", folder, small);
+  EXPECT_LT(SecondsSince(begin), 2.0);
+  EXPECT_TRUE(flood.tooMuchOutput && !flood.timedOut && !flood.Succeeded());
+  EXPECT_EQ(flood.output.size(), small.maxOutputBytes);
+  EXPECT_TRUE(allGone());
+  ServerRun exact = RunCommand("head -c 1048576 /dev/zero", "", folder, small);
+  EXPECT_TRUE(exact.Succeeded() && exact.output.size() == small.maxOutputBytes);
+  ServerRun over = RunCommand("head -c 1048577 /dev/zero", "", folder, small);
+  EXPECT_TRUE(over.tooMuchOutput && !over.Succeeded());
+
   // Without a limit a quick server just ends, and nothing is stopped.
   ServerRun quick = RunCommand("echo $$ >pids; cat", "page", folder);
   EXPECT_TRUE(quick.Succeeded() && quick.output == "page" && !quick.stoppedLeftovers && allGone());
