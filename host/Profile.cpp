@@ -1,6 +1,8 @@
 // The three profiles and the lookups by name and by file extension.
 #include "Profile.h"
 
+#include <algorithm>
+
 namespace qzhost {
 namespace {
 
@@ -69,7 +71,9 @@ const std::vector<Profile>& Profiles() {
 
 const Profile* FindProfile(std::string_view name) {
   for (const Profile& p : Profiles())
-    if (p.name == name) return &p;
+    if (p.name.size() == name.size() &&
+        std::equal(name.begin(), name.end(), p.name.begin(), [](char a, char b) { return FoldAscii(a) == b; }))
+      return &p;
   return nullptr;
 }
 

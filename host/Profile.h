@@ -47,7 +47,7 @@ inline constexpr char16_t kLockEndText[] = u"</qz:lock>";
 inline constexpr char16_t kTranslatedValue[] = u"hilitecolor=%22Dyn%20Up-to-Date%20Color%22";
 
 const std::vector<Profile>& Profiles();
-// The profile of that name, or null.
+// The profile of that name, letter case ignored, or null.
 const Profile* FindProfile(std::string_view name);
 // The profile whose extensions include the path's (case-insensitive), or null.
 const Profile* ProfileForPath(std::string_view path);

@@ -79,7 +79,7 @@ TEST_F(QzTranslateTest, WrongCommandLinesGetAHintAndStatusTwo) {
   Fails({Path("page")}, 2, "cannot tell the profile");
   Fails({page, page}, 2, "only one page");
   Fails({page, "--labelled"}, 2, "--labelled needs a value");
-  Fails({"--profile", "asp", page}, 2, "asp profile has no server of its own");
+  Fails({"--profile", "ASP", page}, 2, "asp profile has no server of its own");  // names in any case
   Fails({"--profile", "asp", "--labelled", Path("l.aspx"), "-o", Path("o.html"), page}, 2, "no server of its own");
   Fails({"-o", Path("a"), "--output", Path("b"), page}, 2, "--output is given twice");
   Fails({"--strict", "--strict", page}, 2, "--strict is given twice");
