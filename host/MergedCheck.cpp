@@ -13,6 +13,22 @@ namespace {
 // A tag name longer than this is not looked for before a block.
 constexpr size_t kMaxNameSearch = 256;
 
+// The "<" of the open tag whose name the block at b was written against:
+// a "<" and a letter with no ">" between it and b; npos when none stands
+// within kMaxNameSearch units.
+size_t TagBefore(std::u16string_view text, size_t b) {
+  size_t stop = b > kMaxNameSearch ? b - kMaxNameSearch : 0;
+  for (size_t p = b; p > stop;) {
+    char16_t u = text[--p];
+    if (u == u'>') break;
+    if (u != u'<') continue;
+    char16_t next = text[p + 1];
+    bool letter = (next >= u'a' && next <= u'z') || (next >= u'A' && next <= u'Z');
+    return letter ? p : std::u16string_view::npos;
+  }
+  return std::u16string_view::npos;
+}
+
 // The "<" of the next "<?" or "<%" at or after from; npos when none.
 size_t NextBlock(std::u16string_view text, size_t from) {
   for (size_t p = text.find(u'<', from); p != std::u16string_view::npos; p = text.find(u'<', p + 1))
@@ -36,18 +52,22 @@ std::vector<LabelWarning> CheckMergedCode(std::u16string_view page, std::u16stri
     if (at != std::u16string_view::npos) {
       // The tag whose name the block was written against: from its "<" up to
       // the block's own mark, as the page has it too.
-      size_t lookFrom = b > kMaxNameSearch ? b - kMaxNameSearch : 0;
-      size_t tag = merged.substr(lookFrom, b - lookFrom).rfind(u'<');
+      size_t tag = TagBefore(merged, b);
       size_t line = 0;
       std::u16string_view shown = block.substr(0, at);
       if (tag != std::u16string_view::npos) {
-        std::u16string_view head = merged.substr(lookFrom + tag, b + 2 - (lookFrom + tag));
-        size_t inPage = page.find(head, pageFrom);
+        // Tags come back in page order, so each search starts past the
+        // last one found; once one is not found no other is looked for, which
+        // keeps a page of many such tags linear.
+        size_t inPage = pageFrom < page.size() ? page.find(merged.substr(tag, b + 2 - tag), pageFrom)
+                                               : std::u16string_view::npos;
         if (inPage != std::u16string_view::npos) {
           line = lines.LineAt(inPage);
           pageFrom = inPage + 1;
+        } else {
+          pageFrom = page.size();
         }
-        shown = merged.substr(lookFrom + tag, b + at - (lookFrom + tag));
+        shown = merged.substr(tag, b + at - tag);
       }
       while (!shown.empty() && (shown.back() == u' ' || shown.back() == u'\t')) shown.remove_suffix(1);
       warnings.push_back({Finding::kCodeCut, line, 0,

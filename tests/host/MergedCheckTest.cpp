@@ -27,6 +27,13 @@ TEST(MergedCheckTest, NamesEveryBlockTheAttributeWasWrittenInto) {
   EXPECT_NE(warnings[0].message.find("`<style<?=...`"), std::string::npos) << warnings[0].message;
   EXPECT_EQ(warnings[1].pageLine, 3u);
   EXPECT_NE(warnings[1].message.find("`<td<%=...`"), std::string::npos) << warnings[1].message;
+
+  // A tag the page does not hold as written, and a block with no tag
+  // before it: named without a line.
+  warnings = CheckMergedCode(page, Cut(u"<b<?=", u" 1 ?>>") + Cut(u"<?=", u" ?>"));
+  ASSERT_EQ(warnings.size(), 2u);
+  EXPECT_EQ(warnings[0].pageLine, 0u);
+  EXPECT_NE(warnings[1].message.find("`<?=...`"), std::string::npos) << warnings[1].message;
 }
 
 TEST(MergedCheckTest, SaysNothingWhereTheAttributeStaysOutsideServerCode) {

@@ -162,6 +162,11 @@ TEST(ScannerTest, PhpCodeEndsWherePhpEndsIt) {
   EXPECT_EQ(Scan(u"<?php $h = <<<EOT\nit's ?> {$a}\nEOTX\n  EOT;\n?>t<?= <<<'N'\n?>\nN ?>u<?php $a <<< 1 ?>v"),
             (Items{"dir 0 [<?php $h = <<<EOT\nit's ?> {$a}\nEOTX\n  EOT;\n?>]", "text 45 [t]",
                    "dir 46 [<?= <<<'N'\n?>\nN ?>]", "text 64 [u]", "dir 65 [<?php $a <<< 1 ?>]", "text 82 [v]"}));
+  // Pages saved with CRLF line ends, a double-quoted name after a tab; a
+  // name that begins with a digit is none.
+  EXPECT_EQ(Scan(u"<?php $h = <<<\t\"E\"\r\n?>\r\nE;\r\n?>t<?php $b = <<<1A\n?>u"),
+            (Items{"dir 0 [<?php $h = <<<\t\"E\"\r\n?>\r\nE;\r\n?>]", "text 30 [t]", "dir 31 [<?php $b = <<<1A\n?>]",
+                   "text 50 [u]"}));
   // In a tag, the same.
   EXPECT_EQ(Scan(u"<a href=\"<?= '?>' ?>\" <?php echo \"?>\" ?>>t</a>"),
             (Items{"open 0 [a] href=[<?= '?>' ?>] <?php echo \"?>\" ?>=[] end 41 []", "text 41 [t]",
@@ -171,6 +176,8 @@ TEST(ScannerTest, PhpCodeEndsWherePhpEndsIt) {
   EXPECT_EQ(Scan(u"<?php echo 'a ?><p>b</p>"), (Items{"cut dir 0", "dir 0 [<?php echo 'a ?><p>b</p>]"}));
   EXPECT_EQ(Scan(u"<?php /* ?>"), (Items{"cut dir 0", "dir 0 [<?php /* ?>]"}));
   EXPECT_EQ(Scan(u"<?php <<<A\n?>\n"), (Items{"cut dir 0", "dir 0 [<?php <<<A\n?>\n]"}));
+  EXPECT_EQ(Scan(u"<?php <<<A\n?>\nA"), (Items{"cut dir 0", "dir 0 [<?php <<<A\n?>\nA]"}));
+  EXPECT_EQ(Scan(u"<?php #"), (Items{"cut dir 0", "dir 0 [<?php #]"}));
   // ERB and ASP.NET end their blocks at the first "%>", strings or not.
   EXPECT_EQ(Scan(u"<% x = '%>' %>"), (Items{"dir 0 [<% x = '%>]", "text 10 [' %>]"}));
 }
