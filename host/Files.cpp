@@ -178,12 +178,17 @@ int MakeTemporary(const std::string& path, std::vector<char>* temp) {
   return fd;
 }
 
-// Replaces the regular file at path (or creates it) through a temporary
-// file; messages name it as shown.
-bool ReplaceFile(const std::string& path, const std::string& shown, std::string_view bytes, std::string* error) {
-  std::vector<char> temp;
-  int fd = MakeTemporary(path, &temp);
+// Writes bytes under a temporary name beside path, with the permission bits
+// (and, where the system allows, the owner) of the file there, if any; the
+// temporary file is registered for removal on interruption. On failure
+// nothing is left behind; messages name the file as shown.
+bool StageFile(const std::string& path, const std::string& shown, std::string_view bytes, StagedFile* staged,
+               std::string* error) {
+  staged->path = path;
+  staged->shown = shown;
+  int fd = MakeTemporary(path, &staged->temp);
   if (fd < 0) {
+    staged->temp.clear();
     *error = Reason(shown, errno);
     return false;
   }
@@ -199,14 +204,30 @@ bool ReplaceFile(const std::string& path, const std::string& shown, std::string_
   if (err == 0) err = WriteAll(fd, bytes);
   if (err == 0 && fsync(fd) != 0) err = errno;
   if (close(fd) != 0 && err == 0) err = errno;
-  BlockInterrupts();
-  if (err == 0 && rename(temp.data(), path.c_str()) != 0) err = errno;
-  if (err != 0) unlink(temp.data());
-  ForgetTempFile(temp.data());
-  UnblockInterrupts();
   if (err == 0) return true;
+  DropFile(staged);
   *error = Reason(shown, err);
   return false;
+}
+
+// Renames the staged file over its path; on failure it is removed.
+bool CommitFile(StagedFile* staged, std::string* error) {
+  BlockInterrupts();
+  int err = rename(staged->temp.data(), staged->path.c_str()) != 0 ? errno : 0;
+  if (err != 0) unlink(staged->temp.data());
+  ForgetTempFile(staged->temp.data());
+  UnblockInterrupts();
+  staged->temp.clear();
+  if (err == 0) return true;
+  *error = Reason(staged->shown, err);
+  return false;
+}
+
+// Replaces the regular file at path (or creates it) through a temporary
+// file; messages name it as shown.
+bool ReplaceFile(const std::string& path, const std::string& shown, std::string_view bytes, std::string* error) {
+  StagedFile staged;
+  return StageFile(path, shown, bytes, &staged, error) && CommitFile(&staged, error);
 }
 
 }  // namespace
@@ -297,6 +318,39 @@ bool WriteOutput(const OutputTarget& target, std::string_view bytes, std::string
 
 bool WriteWholeFile(const std::string& path, std::string_view bytes, std::string* error) {
   return ReplaceFile(path, path, bytes, error);
+}
+
+void DropFile(StagedFile* staged) {
+  if (staged->temp.empty()) return;
+  BlockInterrupts();
+  unlink(staged->temp.data());
+  ForgetTempFile(staged->temp.data());
+  UnblockInterrupts();
+  staged->temp.clear();
+}
+
+OutputBatch::~OutputBatch() {
+  for (StagedFile& staged : staged_) DropFile(&staged);
+}
+
+bool OutputBatch::Add(const OutputTarget& target, std::string_view bytes, std::string* error) {
+  if (target.kind != OutputTarget::Kind::kFile) return WriteOutput(target, bytes, error);
+  staged_.emplace_back();
+  if (StageFile(target.path, target.given, bytes, &staged_.back(), error)) return true;
+  staged_.pop_back();
+  return false;
+}
+
+bool OutputBatch::Commit(std::string* error) {
+  bool ok = true;
+  for (StagedFile& staged : staged_) {
+    if (ok)
+      ok = CommitFile(&staged, error);
+    else
+      DropFile(&staged);
+  }
+  staged_.clear();
+  return ok;
 }
 
 }  // namespace qzhost

@@ -9,6 +9,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace qzhost {
 
@@ -55,6 +56,40 @@ bool ResolveOutput(const std::string& given, OutputTarget* target, std::string* 
 // temporary file is left behind, also when the command is interrupted
 // (Cleanup.h).
 bool WriteOutput(const OutputTarget& target, std::string_view bytes, std::string* error);
+
+// A regular file written under a temporary name beside its path, not yet
+// renamed over it.
+struct StagedFile {
+  std::vector<char> temp;  // the temporary file's name, NUL-ended; empty when none
+  std::string path, shown;
+};
+
+// Removes a staged file that is not to be renamed; nothing when none.
+void DropFile(StagedFile* staged);
+
+// Outputs that are replaced together: each regular file is written under a
+// temporary name as it is added, and all are renamed over their paths only
+// when Commit is called, so that a command that fails (or is interrupted)
+// before then leaves every one of them as it was. Pipes, devices and
+// descriptors cannot wait and are written when added. What was not
+// committed is removed when the batch goes.
+class OutputBatch {
+ public:
+  OutputBatch() = default;
+  ~OutputBatch();
+  OutputBatch(const OutputBatch&) = delete;
+  OutputBatch& operator=(const OutputBatch&) = delete;
+
+  bool Add(const OutputTarget& target, std::string_view bytes, std::string* error);
+  // Renames every staged file in the order added. A rename that fails
+  // (which the checks made when the target was resolved leave unlikely)
+  // stops there: the files renamed before it stay replaced, those after it
+  // are removed.
+  bool Commit(std::string* error);
+
+ private:
+  std::vector<StagedFile> staged_;
+};
 
 // Replaces the file at path with bytes, or leaves it as it was (a regular
 // file target of WriteOutput).

@@ -369,14 +369,18 @@ int Translate(const Options& o) {
   std::vector<LabelWarning> cut = CheckMergedCode(session.Page(), merged);
   if (Report(pageName, cut, o.strict) > 0) return StrictFailure(static_cast<int>(cut.size()));
   report.warnings.insert(report.warnings.end(), cut.begin(), cut.end());
+  // Files are replaced together or not at all: a write that fails leaves
+  // the ones before it as they were too.
+  OutputBatch outputs;
   if (plan.writesPreview &&
-      !WriteOutput(plan.preview, RenderPreview(PreviewOfTranslation(pageName, report, session.Warnings(), merged)),
+      !outputs.Add(plan.preview, RenderPreview(PreviewOfTranslation(pageName, report, session.Warnings(), merged)),
                    &error))
     return Fail("cannot write the preview to " + error);
-  if (plan.writesLabelled && !WriteOutput(plan.labelled, labelledBytes, &error))
+  if (plan.writesLabelled && !outputs.Add(plan.labelled, labelledBytes, &error))
     return Fail("cannot write the labelled page to " + error);
-  if (!WriteOutput(plan.merged, EncodePage(merged, encoding), &error))
+  if (!outputs.Add(plan.merged, EncodePage(merged, encoding), &error))
     return Fail("cannot write the merged page to " + error);
+  if (!outputs.Commit(&error)) return Fail("cannot write " + error);
   return 0;
 }
 

@@ -81,6 +81,38 @@ TEST_F(FilesTest, RegularFilesAreReplacedWholeKeepingTheirPermissions) {
   EXPECT_EQ(Names(), longest + " out.html ");
 }
 
+// Outputs asked for together are replaced together: one that cannot be
+// written leaves those added before it as they were, and none is replaced
+// before Commit.
+TEST_F(FilesTest, OutputsOfOneBatchAreReplacedTogetherOrNotAtAll) {
+  std::ofstream(Path("preview.html")) << "old preview";
+  std::ofstream(Path("out.html")) << "old page";
+  OutputTarget preview, page, lost;
+  std::string error;
+  ASSERT_TRUE(ResolveOutput(Path("preview.html"), &preview, &error)) << error;
+  ASSERT_TRUE(ResolveOutput(Path("out.html"), &page, &error)) << error;
+  // A folder gone since the target was resolved.
+  ASSERT_TRUE(std::filesystem::create_directory(Path("gone")));
+  ASSERT_TRUE(ResolveOutput(Path("gone/out.html"), &lost, &error)) << error;
+  std::filesystem::remove(Path("gone"));
+  {
+    OutputBatch batch;
+    EXPECT_TRUE(batch.Add(preview, "new preview", &error)) << error;
+    EXPECT_FALSE(batch.Add(lost, "new page", &error));
+    EXPECT_NE(error.find("No such file or directory"), std::string::npos) << error;
+  }
+  EXPECT_EQ(Read("preview.html"), "old preview");
+  EXPECT_EQ(Names(), "out.html preview.html ") << "no temporary file left";
+
+  OutputBatch batch;
+  EXPECT_TRUE(batch.Add(preview, "new preview", &error) && batch.Add(page, "new page", &error)) << error;
+  EXPECT_EQ(Read("preview.html"), "old preview") << "nothing replaced before Commit";
+  EXPECT_TRUE(batch.Commit(&error)) << error;
+  EXPECT_EQ(Read("preview.html"), "new preview");
+  EXPECT_EQ(Read("out.html"), "new page");
+  EXPECT_EQ(Names(), "out.html preview.html ");
+}
+
 TEST_F(FilesTest, LinksAreFollowedToTheirTarget) {
   std::ofstream(Path("target.html")) << "old";
   std::filesystem::create_symlink("target.html", Path("link.html"));
