@@ -367,7 +367,8 @@ int Translate(const Options& o) {
   std::u16string merged;
   if (!session.Merge(std::move(output), &merged, &error)) return Fail(error);
   std::vector<LabelWarning> cut = CheckMergedCode(session.Page(), merged);
-  if (Report(pageName, cut, o.strict) > 0) return StrictFailure(static_cast<int>(cut.size()));
+  errors = Report(pageName, cut, o.strict);
+  if (errors > 0) return StrictFailure(errors);
   report.warnings.insert(report.warnings.end(), cut.begin(), cut.end());
   // Files are replaced together or not at all: a write that fails leaves
   // the ones before it as they were too.
